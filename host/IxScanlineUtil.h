@@ -1,0 +1,188 @@
+// IxScanlineUtil: the bulk operations over scanlines that the system's arithmetic rests on
+// (Parts 2.1 and 2.4). Every form is a callable of its own, in the spec's argument order, so
+// that the operator tables of Part 4.3 hold them as plain function pointers. Each is a plain
+// loop over raw contiguous rows; the destination may be the same object as a source.
+//
+// Settled choices for the points that Part 2.4 leaves to the host:
+// - comparisons and logic write 1.0 for true and 0.0 for false;
+// - `!` (notScanline) gives 1.0 for a 0.0 (or -0.0) entry and 0.0 otherwise;
+// - `&&` and `||` treat any non-zero entry (NaN included) as true;
+// - colour equality needs all four channels equal; `!=` is its negation;
+// - a float combines with every channel of a colour, alpha included;
+// - division by zero follows IEEE 754 (infinity or NaN), no guard;
+// - extractChannel's InvertType 0 gives the plain channel; 1 gives 1 - channel.
+// A masked store writes a column when the condition there is not 0.0 (NaN counts as set).
+#pragma once
+
+#include "IxScanline.h"
+
+namespace Zt {
+
+struct IxScanlineUtilTypes {
+    enum InvertType { NoInvert = 0, Invert = 1 };
+};
+
+class IxScanlineUtil {
+public:
+    using Limit = const GeInterval<int>*;
+
+    // Part 2.1
+    template <class T>
+    static void set(IxScanline<T>& dest, const T& value, Limit limit = nullptr) {
+        auto [lo, hi] = range(dest, limit);
+        T* d = dest.data();
+        for (int x = lo; x < hi; ++x) d[x] = value;
+    }
+    template <class T>
+    static void copy(IxScanline<T>& dest, const IxScanline<T>& src, Limit limit = nullptr) {
+        auto [lo, hi] = range(dest, limit);
+        T* d = dest.data();
+        const T* s = src.data();
+        for (int x = lo; x < hi; ++x) d[x] = s[x];
+    }
+
+    // Part 2.4, unary
+    template <class T>
+    static void minusScanline(IxScanline<T>& dest, const IxScanline<T>& src, Limit limit = nullptr) {
+        map1(dest, src, limit, [](const T& v) { return -v; });
+    }
+    static void notScanline(IxScanline<float>& dest, const IxScanline<float>& src, Limit limit = nullptr) {
+        map1(dest, src, limit, [](float v) { return v == 0.0f ? 1.0f : 0.0f; });
+    }
+
+    // Part 2.4, binary arithmetic: forms <float,float,float>, <C,C,C>, <C,C,float>, <C,float,C>
+    template <class D, class A, class B>
+    static void addScanlines(IxScanline<D>& dest, const IxScanline<A>& a, const IxScanline<B>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](const A& p, const B& q) { return p + q; });
+    }
+    template <class D, class A, class B>
+    static void subtractScanlines(IxScanline<D>& dest, const IxScanline<A>& a, const IxScanline<B>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](const A& p, const B& q) { return p - q; });
+    }
+    template <class D, class A, class B>
+    static void multiplyScanlines(IxScanline<D>& dest, const IxScanline<A>& a, const IxScanline<B>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](const A& p, const B& q) { return p * q; });
+    }
+    template <class D, class A, class B>
+    static void divideScanlines(IxScanline<D>& dest, const IxScanline<A>& a, const IxScanline<B>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](const A& p, const B& q) { return p / q; });
+    }
+
+    // Part 2.4, comparison and logic
+    template <class T>
+    static void equalScanlines(IxScanline<float>& dest, const IxScanline<T>& a, const IxScanline<T>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](const T& p, const T& q) { return p == q ? 1.0f : 0.0f; });
+    }
+    template <class T>
+    static void notEqualScanlines(IxScanline<float>& dest, const IxScanline<T>& a, const IxScanline<T>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](const T& p, const T& q) { return p != q ? 1.0f : 0.0f; });
+    }
+    static void lessThanScanlines(IxScanline<float>& dest, const IxScanline<float>& a, const IxScanline<float>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](float p, float q) { return p < q ? 1.0f : 0.0f; });
+    }
+    static void greaterThanScanlines(IxScanline<float>& dest, const IxScanline<float>& a, const IxScanline<float>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](float p, float q) { return p > q ? 1.0f : 0.0f; });
+    }
+    static void lessEqScanlines(IxScanline<float>& dest, const IxScanline<float>& a, const IxScanline<float>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](float p, float q) { return p <= q ? 1.0f : 0.0f; });
+    }
+    static void greaterEqScanlines(IxScanline<float>& dest, const IxScanline<float>& a, const IxScanline<float>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](float p, float q) { return p >= q ? 1.0f : 0.0f; });
+    }
+    static void andScanlines(IxScanline<float>& dest, const IxScanline<float>& a, const IxScanline<float>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](float p, float q) { return (p != 0.0f && q != 0.0f) ? 1.0f : 0.0f; });
+    }
+    static void orScanlines(IxScanline<float>& dest, const IxScanline<float>& a, const IxScanline<float>& b, Limit limit = nullptr) {
+        map2(dest, a, b, limit, [](float p, float q) { return (p != 0.0f || q != 0.0f) ? 1.0f : 0.0f; });
+    }
+
+    // Part 2.4, masked stores: forms <float,float>, <C,C>, <C,float>
+    template <class D, class S>
+    static void copyIf(IxScanline<D>& dest, const IxScanline<S>& src, const IxScanline<float>* condition, Limit limit = nullptr) {
+        store(dest, src, condition, limit, [](D& d, const S& s) { d = D(s) ; });
+    }
+    template <class D, class S>
+    static void accumulateScanline(IxScanline<D>& dest, const IxScanline<S>& src, const IxScanline<float>* condition, Limit limit = nullptr) {
+        store(dest, src, condition, limit, [](D& d, const S& s) { d = d + s; });
+    }
+    template <class D, class S>
+    static void decrementScanline(IxScanline<D>& dest, const IxScanline<S>& src, const IxScanline<float>* condition, Limit limit = nullptr) {
+        store(dest, src, condition, limit, [](D& d, const S& s) { d = d - s; });
+    }
+    template <class D, class S>
+    static void mulAssignScanline(IxScanline<D>& dest, const IxScanline<S>& src, const IxScanline<float>* condition, Limit limit = nullptr) {
+        store(dest, src, condition, limit, [](D& d, const S& s) { d = d * s; });
+    }
+    template <class D, class S>
+    static void divAssignScanline(IxScanline<D>& dest, const IxScanline<S>& src, const IxScanline<float>* condition, Limit limit = nullptr) {
+        store(dest, src, condition, limit, [](D& d, const S& s) { d = d / s; });
+    }
+
+    // Part 2.4, channels
+    static void extractChannel(IxScanline<float>& dest, int channel, const IxScanline<Color>& src,
+                               IxScanlineUtilTypes::InvertType invert, Limit limit = nullptr) {
+        auto [lo, hi] = range(dest, limit);
+        float* d = dest.data();
+        const Color* s = src.data();
+        if (invert == IxScanlineUtilTypes::NoInvert)
+            for (int x = lo; x < hi; ++x) d[x] = s[x][channel];
+        else
+            for (int x = lo; x < hi; ++x) d[x] = 1.0f - s[x][channel];
+    }
+    static void replaceChannelIf(IxScanline<Color>& dest, const IxScanline<float>& src, const IxScanline<float>* condition,
+                                 int channel, Limit limit = nullptr) {
+        auto [lo, hi] = range(dest, limit);
+        Color* d = dest.data();
+        const float* s = src.data();
+        if (!condition) {
+            for (int x = lo; x < hi; ++x) d[x][channel] = s[x];
+        } else {
+            const float* c = condition->data();
+            for (int x = lo; x < hi; ++x)
+                if (c[x] != 0.0f) d[x][channel] = s[x];
+        }
+    }
+
+private:
+    struct Range { int lo, hi; };
+    template <class T>
+    static Range range(const IxScanline<T>& dest, Limit limit) {
+        Range r{dest.minimum(), dest.maximum()};
+        if (limit) {
+            r.lo = std::max(r.lo, limit->min);
+            r.hi = std::min(r.hi, limit->max);
+        }
+        if (r.hi < r.lo) r.hi = r.lo;
+        return r;
+    }
+    template <class D, class S, class F>
+    static void map1(IxScanline<D>& dest, const IxScanline<S>& src, Limit limit, F f) {
+        auto [lo, hi] = range(dest, limit);
+        D* d = dest.data();
+        const S* s = src.data();
+        for (int x = lo; x < hi; ++x) d[x] = f(s[x]);
+    }
+    template <class D, class A, class B, class F>
+    static void map2(IxScanline<D>& dest, const IxScanline<A>& a, const IxScanline<B>& b, Limit limit, F f) {
+        auto [lo, hi] = range(dest, limit);
+        D* d = dest.data();
+        const A* pa = a.data();
+        const B* pb = b.data();
+        for (int x = lo; x < hi; ++x) d[x] = f(pa[x], pb[x]);
+    }
+    template <class D, class S, class F>
+    static void store(IxScanline<D>& dest, const IxScanline<S>& src, const IxScanline<float>* condition, Limit limit, F f) {
+        auto [lo, hi] = range(dest, limit);
+        D* d = dest.data();
+        const S* s = src.data();
+        if (!condition) {
+            for (int x = lo; x < hi; ++x) f(d[x], s[x]);
+        } else {
+            const float* c = condition->data();
+            for (int x = lo; x < hi; ++x)
+                if (c[x] != 0.0f) f(d[x], s[x]);
+        }
+    }
+};
+
+}  // namespace Zt

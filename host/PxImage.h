@@ -1,0 +1,172 @@
+// The image side of the host framework that Part 1.2 and Part 5.3 call: validity intervals,
+// regions of definition, contexts, formats, tiles and their guards, image nodes, results, the
+// request manager (cancellation point), and textures with their sampler. Conventions: host.md.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "CoColor.h"
+#include "IxScanline.h"
+#include "ZtGeometry.h"
+#include "ZtRC.h"
+
+namespace Zt {
+
+// Part 1.2: the range of times over which a result holds.
+class PxValidityInterval {
+public:
+    static constexpr double kMinTime = -31536000.0;
+    static constexpr double kMaxTime = 31536000.0;
+    static constexpr double kEpsilon = 5.208333333333334e-9;  // 1/192000000
+
+    PxValidityInterval() : PxValidityInterval(getFull()) {}
+    PxValidityInterval(double begin, double end) : begin(begin), end(end) {}
+    // Kinds: begin 0 adds epsilon, 1 leaves, 2 subtracts; end 0 subtracts, 1 leaves, 2 adds.
+    // A bound equal to a limit stays; equal bounds with both kinds 0 are taken as they are.
+    PxValidityInterval(double begin, int beginKind, double end, int endKind);
+    static PxValidityInterval getFull() { return PxValidityInterval(kMinTime, kMaxTime); }
+    bool operator==(const PxValidityInterval&) const = default;
+
+    double begin;
+    double end;
+};
+
+struct PxRODResult {
+    PxValidityInterval validity;
+    GeRectangle<float> rect;  // nominal
+    const PxValidityInterval& getValidity() const { return validity; }
+    const GeRectangle<float>& getRect() const { return rect; }
+};
+
+struct PxTimeScaleContext {
+    double time = 0.0;
+    int scaleLevel = 0;
+};
+
+// tileWidth and tileHeight are our host's: the fixed tile grid (host.md).
+struct PxImageContext : PxTimeScaleContext {
+    int tileX = 0;
+    int tileY = 0;
+    int tileWidth = 256;
+    int tileHeight = 256;
+    const PxTimeScaleContext& timeScale() const { return *this; }
+};
+
+// Pixel aspect as the quotient of two integers, first over second.
+struct IxPixelFormat {
+    int aspectNum = 1;
+    int aspectDen = 1;
+    float aspect() const { return float(aspectNum) / float(aspectDen); }
+};
+struct PxImageFormat : IxPixelFormat {};
+
+// A tile: RGBA float pixels over a pixel rectangle, rows bottom-up (row yMin first).
+class IxTile : public RCBase<LkCounter<int>> {
+public:
+    IxTile(const IxPixelFormat& format, const GeRectangle<int>& rect, const Color& fill);
+    const IxPixelFormat& getFormat() const { return _format; }
+    const GeRectangle<int>& getRect() const { return _rect; }
+    Color& fillColor() { return _fill; }
+    const Color& getFillColor() const { return _fill; }
+    void setFillColor(const Color& c) { _fill = c; }
+    Color* row(int y) { return _pixels.data() + std::size_t(y - _rect.yMin) * std::size_t(_rect.width()); }
+    const Color* row(int y) const { return _pixels.data() + std::size_t(y - _rect.yMin) * std::size_t(_rect.width()); }
+
+private:
+    IxPixelFormat _format;
+    GeRectangle<int> _rect;
+    Color _fill;
+    std::vector<Color> _pixels;
+};
+
+class IxReadGuard {
+public:
+    explicit IxReadGuard(RCShdPtr<const IxTile> tile) : _tile(std::move(tile)) {}
+    const IxTile& tile() const { return *_tile; }
+private:
+    RCShdPtr<const IxTile> _tile;
+};
+
+class IxWriteGuard {
+public:
+    explicit IxWriteGuard(RCShdPtr<IxTile> tile) : _tile(std::move(tile)) {}
+    IxTile& tile() const { return *_tile; }
+private:
+    RCShdPtr<IxTile> _tile;
+};
+
+class PxImageResult {
+public:
+    PxImageResult() = default;
+    PxImageResult(RCShdPtr<IxTile> tile, const PxValidityInterval& validity) : _tile(std::move(tile)), _validity(validity) {}
+    // Narrows `vi` to what this result allows.
+    void reduceVI(PxValidityInterval& vi) const;
+    Color getFillColor() const { return _tile ? _tile->getFillColor() : Color::ZERO; }
+    IxReadGuard getTileGuard() const { return IxReadGuard(RCShdPtr<const IxTile>(_tile.get())); }
+    const RCShdPtr<IxTile>& getTile() const { return _tile; }
+    const PxValidityInterval& getValidity() const { return _validity; }
+
+private:
+    RCShdPtr<IxTile> _tile;
+    PxValidityInterval _validity;
+};
+
+// An image node of the processing graph. The three virtual operations in the order of their
+// slots: getFormat, getROD, getImage (Part 1.2).
+class PxImageProtocol : public RCBase<LkCounter<int>> {
+public:
+    virtual PxImageFormat getFormat() const = 0;
+    virtual PxRODResult getROD(const PxImageContext& context) const = 0;
+    virtual PxImageResult getImage(const PxImageContext& context) const = 0;
+
+    // Tile (i, j) covers pixels (i*W, (i+1)*W, j*H, (j+1)*H) for the context's tile size W x H.
+    static GeRectangle<int> convertTilesToPixels(const GeRectangle<int>& tiles, const PxImageContext& context);
+    // Nominal to pixels: px = x * scale / aspect, py = y * scale; rounded outward (host.md).
+    static GeRectangle<int> nominalToPixelized(const GeRectangle<float>& nominal, float aspect, float scale);
+};
+
+template <class T>
+using PxNodePtr = RCShdPtr<T>;
+
+// Part 1.2 step 22a: the host's cancellation point (host.md). Throws ExCancelled once the
+// current render was cancelled.
+class PxRequestMgr {
+public:
+    static PxRequestMgr& getInstance();
+    void checkRequest();
+    // Host side: cancel all renders in flight / allow renders again.
+    void cancel();
+    void reset();
+    bool isCancelled() const;
+};
+
+struct SdTextureParams {
+    GeAffineMatrix2<float> textureMatrix;  // nominal position -> unit square
+    int filterMode = 0;  // 1: bilinear
+    int wrapModeS = 0;   // 0: outside reads the fill colour
+    int wrapModeT = 0;
+};
+
+// Reads an image at any nominal position (Part 5.3): bilinear over pixel centres; outside the
+// image's rectangle it reads the fill colour (host.md).
+class SdTextureSampler : public RCBase<LkCounter<int>> {
+public:
+    virtual void sampleAt(Color& result, const double coords[2], const GeLinearMatrix2<double>& derivatives) const = 0;
+    // Called for each ordered pair of distinct samplers of one tile (Part 1.2 step 17).
+    virtual void linkSampler(const RCStrongPtr<const SdTextureSampler>& other) const {}
+};
+
+class PxImageTexture : public RCBase<LkCounter<int>> {
+public:
+    PxImageTexture(const PxNodePtr<const PxImageProtocol>& node, const PxTimeScaleContext& context,
+                   const SdTextureParams& params);
+    RCStrongPtr<const SdTextureSampler> createSampler() const;
+
+private:
+    PxNodePtr<const PxImageProtocol> _node;
+    PxTimeScaleContext _context;
+    SdTextureParams _params;
+};
+
+}  // namespace Zt

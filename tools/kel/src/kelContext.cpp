@@ -1,0 +1,233 @@
+// Parts 2.1, 2.2, 2.3: values and their pool, the execution context, masks.
+#include "kelContext.h"
+
+#include <bit>
+#include <cstdio>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace Zt {
+
+namespace {
+constexpr const char* kContextFile = "tools\\kel\\src\\kelContext";
+}
+
+// ---- Part 2.1: values -------------------------------------------------------------------
+
+void KelValue::removeRef() {
+    --_refCount;
+    if (_refCount == 1) {
+        // Only the pool's reference is left.
+        recycle(_id, _context);
+    } else if (_refCount == 0) {
+        if (!_context->isTerminating())
+            Assertions::throwAssertionFailed(kContextFile, 157, "_context->isTerminating()");
+        delete this;
+    }
+}
+
+template <class T>
+KelType<T>::KelType(KelContext* context, int id, int writable)
+    : KelValue(context, id, writable),
+      _scanline(context->getInterval(), IxPaddingPolicy<T>{4, KelTypeTraits<T>::pad}) {}
+
+template <class T>
+KelType<T>::KelType(KelContext* context, int id, int writable, const T& fill) : KelType(context, id, writable) {
+    IxScanlineUtil::set(_scanline, fill, nullptr);
+    setUniform(true);
+}
+
+template <class T>
+void KelType<T>::recycle(int id, KelContext* context) {
+    context->freeIds(KelTypeTraits<T>::type).insert(id);
+}
+
+void KelImage::recycle(int id, KelContext* context) { context->freeIds(Image).insert(id); }
+
+template class KelType<float>;
+template class KelType<Color>;
+
+// ---- Free-id sets ------------------------------------------------------------------------
+
+bool KelIdSet::contains(int id) const {
+    std::size_t w = std::size_t(id) / 64;
+    return w < _words.size() && (_words[w] >> (id % 64) & 1u);
+}
+
+void KelIdSet::insert(int id) {
+    std::size_t w = std::size_t(id) / 64;
+    if (w >= _words.size()) _words.resize(w + 1, 0);
+    uint64_t bit = uint64_t(1) << (id % 64);
+    if (_words[w] & bit) return;
+    _words[w] |= bit;
+    ++_count;
+    if (w < _firstWord) _firstWord = w;
+}
+
+int KelIdSet::takeSmallest() {
+    while (_words[_firstWord] == 0) ++_firstWord;
+    uint64_t word = _words[_firstWord];
+    int bit = std::countr_zero(word);
+    _words[_firstWord] = word & (word - 1);
+    --_count;
+    return int(_firstWord * 64) + bit;
+}
+
+// ---- Parts 2.2, 2.3: masks ---------------------------------------------------------------
+
+KelMask::KelMask(const GeInterval<int>& interval)
+    : _noneActive(false), _allActive(true), _scanline(interval, IxPaddingPolicy<float>{4, 0.0f}) {
+    IxScanlineUtil::set(_scanline, 1.0f, nullptr);
+}
+
+KelMask::KelMask(const KelMask& other)
+    : _noneActive(other._noneActive),
+      _allActive(other._allActive),
+      _scanline(other._scanline.getInterval(), IxPaddingPolicy<float>{4, 0.0f}) {
+    IxScanlineUtil::copy(_scanline, other._scanline, nullptr);
+}
+
+KelMask& KelMask::operator=(const KelMask& other) {
+    _noneActive = other._noneActive;
+    _allActive = other._allActive;
+    IxScanlineUtil::copy(_scanline, other._scanline, nullptr);
+    return *this;
+}
+
+void KelMask::narrow(const RCShdPtr<KelType<float>>& condition, int invert) {
+    const IxScanline<float>& cond = condition->getScanline();
+    const int n = _scanline.getInterval().size();
+    float* m = _scanline.begin();
+    const float* c = cond.begin();
+    int x = 0;
+#if defined(__SSE2__)
+    // Part 2.3: groups of four aligned columns; compare, AND (or AND NOT) into the mask, and
+    // gather both flags in the same pass.
+    const __m128 zero = _mm_setzero_ps();
+    __m128 anyActive = zero;
+    __m128 allActive = _mm_set1_ps(1.0f);
+    const int groups = n / 4;
+    for (int g = 0; g < groups; ++g, x += 4) {
+        __m128 nonZero = _mm_cmpneq_ps(_mm_load_ps(c + x), zero);  // NaN counts as non-zero
+        __m128 mask = _mm_load_ps(m + x);
+        __m128 result = invert == 1 ? _mm_andnot_ps(nonZero, mask) : _mm_and_ps(nonZero, mask);
+        _mm_store_ps(m + x, result);
+        anyActive = _mm_or_ps(anyActive, result);
+        allActive = _mm_and_ps(allActive, result);
+    }
+    _noneActive = _mm_movemask_ps(_mm_cmpneq_ps(anyActive, zero)) == 0;
+    _allActive = _mm_movemask_ps(_mm_cmpeq_ps(allActive, zero)) == 0;
+#else
+    _noneActive = true;
+    _allActive = true;
+#endif
+    for (; x < n; ++x) {
+        bool keep = m[x] != 0.0f && (invert == 1 ? c[x] == 0.0f : c[x] != 0.0f);
+        m[x] = keep ? 1.0f : 0.0f;
+        if (keep) _noneActive = false; else _allActive = false;
+    }
+}
+
+// ---- Part 2.2: the context ---------------------------------------------------------------
+
+KelContext::KelContext(const GeInterval<int>& interval, int slotCount)
+    : _variables(std::size_t(slotCount > 0 ? slotCount : 0)), _interval(interval), _mask(interval) {
+    pushScope();
+    for (const char* name : {"x", "y", "t"}) {
+        int id = declareVariable(name);
+        setVariable(id, newFloat(0));
+    }
+}
+
+KelContext::~KelContext() {
+    _terminating = true;
+    for (auto& v : _variables) v = nullptr;
+    for (auto& v : _values) v = nullptr;
+    // The members then die in reverse order of declaration, which is the spec's order:
+    // used names, mask, pool storage, images, scopes, variable storage, then the free-id sets
+    // _freeImages, _freeColors, _freeFloats.
+}
+
+KelIdSet& KelContext::freeIds(int type) {
+    switch (type) {
+        case KelValueTypes::Float: return _freeFloats;
+        case KelValueTypes::Color: return _freeColors;
+        default: return _freeImages;
+    }
+}
+
+template <class V, class... Fill>
+RCShdPtr<V> KelContext::issue(KelIdSet& freeSet, int writable, const Fill&... fill) {
+    V* value;
+    if (!freeSet.empty()) {
+        value = static_cast<V*>(_values[std::size_t(freeSet.takeSmallest())].get());
+        value->_uniform = false;
+        value->_writable = writable;
+    } else {
+        value = new V(this, int(_values.size()), writable);
+        _values.emplace_back(value);
+    }
+    RCShdPtr<V> result(value);
+    if constexpr (sizeof...(Fill) == 1) {
+        IxScanlineUtil::set(value->getScanline(), fill..., nullptr);
+        value->_uniform = true;
+    }
+    return result;
+}
+
+RCShdPtr<KelType<float>> KelContext::newFloat(int writable) { return issue<KelType<float>>(_freeFloats, writable); }
+RCShdPtr<KelType<float>> KelContext::newConstantFloat(float value, int writable) {
+    return issue<KelType<float>>(_freeFloats, writable, value);
+}
+RCShdPtr<KelType<Color>> KelContext::newColor(int writable) { return issue<KelType<Color>>(_freeColors, writable); }
+RCShdPtr<KelType<Color>> KelContext::newConstantColor(const Color& value, int writable) {
+    return issue<KelType<Color>>(_freeColors, writable, value);
+}
+RCShdPtr<KelImage> KelContext::newVaryingImage(int writable) { return issue<KelImage>(_freeImages, writable); }
+RCShdPtr<KelImage> KelContext::newImage(float id, int writable) { return issue<KelImage>(_freeImages, writable, id); }
+
+RCShdPtr<KelValue> KelContext::getVariable(int id) const {
+    // Compared unsigned, so that the id -1 of an unknown name fires the assertion (Part 1.2 step 18).
+    if (!(std::size_t(unsigned(id)) < _variables.size()))
+        Assertions::throwAssertionFailed(kContextFile, 514, "id < _variables.size()");
+    return _variables[std::size_t(id)];
+}
+
+void KelContext::setVariable(int id, const RCShdPtr<KelValue>& value) {
+    if (!(std::size_t(unsigned(id)) < _variables.size()))
+        Assertions::throwAssertionFailed(kContextFile, 598, "id < _variables.size()");
+    _variables[std::size_t(id)] = value;
+}
+
+int KelContext::getVariableId(const std::string& name) const {
+    for (const auto& scope : _scopes) {
+        auto it = scope.find(name);
+        if (it != scope.end()) return it->second;
+    }
+    return -1;
+}
+
+int KelContext::declareVariable(const std::string& name) {
+    int id = std::min<int>(_variableCount, int(_variables.size()));
+    _scopes.back()[name] = id;
+    if (std::size_t(id) == _variables.size()) _variables.emplace_back();
+    ++_variableCount;
+    return id;
+}
+
+void KelContext::pushScope() { _scopes.emplace_back(); }
+void KelContext::popScope() {
+    if (!_scopes.empty()) _scopes.pop_back();
+}
+
+void KelContext::setMask(const KelMask& saved) { _mask = saved; }
+
+void KelContext::raiseError(const std::string& message, int line) {
+    char number[16];
+    std::snprintf(number, sizeof number, "%d", line);
+    throw KelParseEx(kContextFile, 847, message + " at line " + number, line);
+}
+
+}  // namespace Zt

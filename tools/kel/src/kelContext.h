@@ -1,0 +1,228 @@
+// Parts 2.1 Values, 2.2 Execution context, 2.3 Masks.
+// A value of the language is a whole scanline (KelValue and its three classes), always made by
+// a KelContext and returned to its pool instead of being freed. KelContext holds all run-time
+// state of one tile (or the symbol table of one static check); KelMask says which columns are
+// active, and `narrow` is the one operation that changes it.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "IxScanlineUtil.h"
+#include "Peb.h"
+#include "PxImage.h"
+#include "ZtRC.h"
+
+namespace Zt {
+
+class KelContext;
+
+// Type numbers of PebInterpreterTypes (1 float, 3 image, 4 colour); 5 is void in the catalogue.
+struct KelValueTypes : PebInterpreterTypes {
+    static constexpr int Void = 5;
+};
+
+// Part 2.1. The reference count is plain, not atomic: a value never leaves its context.
+class KelValue : public KelValueTypes {
+public:
+    virtual int getType() const = 0;
+    virtual ~KelValue() = default;
+    // Inserts `id` into the free-id set of this value's kind in `context`.
+    virtual void recycle(int id, KelContext* context) = 0;
+
+    void addRef() { ++_refCount; }
+    void removeRef();
+    bool isType(int type) const { return type == getType(); }
+    bool isConst() const { return _writable == 0; }
+    bool isUniform() const { return _uniform; }
+    void setUniform(bool uniform) { _uniform = uniform; }
+
+    int refCount() const { return _refCount; }
+    int id() const { return _id; }
+    int writable() const { return _writable; }
+
+protected:
+    KelValue(KelContext* context, int id, int writable) : _context(context), _writable(writable), _id(id) {}
+
+private:
+    friend class KelContext;
+    int32_t _refCount = 0;
+    KelContext* _context;
+    int32_t _writable;
+    int32_t _id;
+    bool _uniform = false;
+};
+
+template <class T>
+struct KelTypeTraits;
+template <>
+struct KelTypeTraits<float> {
+    static constexpr int type = KelValueTypes::Float;
+    static constexpr float pad = 0.0f;
+};
+template <>
+struct KelTypeTraits<Color> {
+    static constexpr int type = KelValueTypes::Color;
+    static constexpr Color pad{0.0f, 0.0f, 0.0f, 1.0f};
+};
+
+template <class T>
+class KelType : public KelValue {
+public:
+    KelType(KelContext* context, int id, int writable);
+    KelType(KelContext* context, int id, int writable, const T& fill);
+    int getType() const override { return KelTypeTraits<T>::type; }
+    void recycle(int id, KelContext* context) override;
+    IxScanline<T>& getScanline() { return _scanline; }
+    const IxScanline<T>& getScanline() const { return _scanline; }
+
+private:
+    IxScanline<T> _scanline;
+};
+
+// Part 2.1: a scanline of image ids, each a float whose truncation indexes the image table.
+class KelImage : public KelType<float> {
+public:
+    using KelType<float>::KelType;
+    int getType() const override { return KelValueTypes::Image; }
+    void recycle(int id, KelContext* context) override;
+};
+
+using KelFloat = KelType<float>;
+using KelColor = KelType<Color>;
+using KelValuePtr = RCShdPtr<KelValue>;
+using KelFloatPtr = RCShdPtr<KelType<float>>;
+using KelColorPtr = RCShdPtr<KelType<Color>>;
+using KelImagePtr = RCShdPtr<KelImage>;
+
+// Part 2.2: one row of the image table. Id 0 no image, 1 the output, i + 2 the i-th input.
+struct KelImageEntry {
+    GeRectangle<int> pixelRect;
+    GeRectangle<float> nominalRect;
+    RCStrongPtr<const SdTextureSampler> sampler;
+    RCStrongPtr<IxScanline<Color>> scanline;
+    float pixelAspectRatio = 0.0f;
+};
+
+// Parts 2.2 and 2.3: which columns are active, 1.0 or 0.0 per column, with two summary flags.
+class KelMask {
+public:
+    explicit KelMask(const GeInterval<int>& interval);
+    KelMask(const KelMask& other);
+    KelMask& operator=(const KelMask& other);
+
+    float isActive(int x) const { return _scanline.data()[x]; }
+    bool noneActive() const { return _noneActive; }
+    bool allActive() const { return _allActive; }
+    const IxScanline<float>& getScanline() const { return _scanline; }
+    // Null when every column is active: the masked stores then take their unmasked path.
+    const IxScanline<float>* activeScanline() const { return _allActive ? nullptr : &_scanline; }
+
+    // Part 2.3: keeps a column active when it was and the condition there is non-zero
+    // (invert 1: is zero). Four columns at a time, flags from the same pass.
+    void narrow(const RCShdPtr<KelType<float>>& condition, int invert);
+
+private:
+    bool _noneActive;
+    bool _allActive;
+    IxScanline<float> _scanline;
+};
+
+// A set of ids that gives its smallest member first and, once sized, never allocates (the
+// steady state of a tile is allocation-free, Part 2.1): a bitmap over the pool's ids.
+class KelIdSet {
+public:
+    bool empty() const { return _count == 0; }
+    std::size_t size() const { return _count; }
+    bool contains(int id) const;
+    void insert(int id);
+    int takeSmallest();  // precondition: !empty()
+private:
+    std::vector<uint64_t> _words;
+    std::size_t _count = 0;
+    std::size_t _firstWord = 0;  // no set bit below this word
+};
+
+class KelContext {
+public:
+    KelContext(const GeInterval<int>& interval, int slotCount);
+    ~KelContext();
+    KelContext(const KelContext&) = delete;
+    KelContext& operator=(const KelContext&) = delete;
+
+    bool isTerminating() const { return _terminating; }
+
+    // Values (Part 2.2): each delivers a reference for the caller.
+    RCShdPtr<KelType<float>> newFloat(int writable);
+    RCShdPtr<KelType<float>> newConstantFloat(float value, int writable);
+    RCShdPtr<KelType<Color>> newColor(int writable);
+    RCShdPtr<KelType<Color>> newConstantColor(const Color& value, int writable);
+    RCShdPtr<KelImage> newVaryingImage(int writable);
+    RCShdPtr<KelImage> newImage(float id, int writable);
+
+    // Variables and scopes
+    RCShdPtr<KelValue> getVariable(int id) const;
+    void setVariable(int id, const RCShdPtr<KelValue>& value);
+    int getVariableId(const std::string& name) const;
+    int declareVariable(const std::string& name);
+    void pushScope();
+    void popScope();
+    int variableCount() const { return static_cast<int>(_variables.size()); }
+
+    // Images
+    void addImage(const KelImageEntry& entry) { _images.push_back(entry); }
+    KelImageEntry& getImage(int id) { return _images[std::size_t(id)]; }
+    std::size_t imageCount() const { return _images.size(); }
+
+    // Mask and interval
+    KelMask& getMask() { return _mask; }
+    void setMask(const KelMask& saved);
+    const GeInterval<int>& getInterval() const { return _interval; }
+
+    // Used names
+    void addUsedName(const std::string& name) { _usedNames.insert(name); }
+    const std::unordered_set<std::string>& usedNames() const { return _usedNames; }
+
+    // Errors: throws KelParseEx with message + " at line " + line.
+    [[noreturn]] void raiseError(const std::string& message, int line);
+
+    // Pool introspection (tests, benchmarks).
+    std::size_t poolSize() const { return _values.size(); }
+    KelIdSet& freeIds(int type);
+
+private:
+    template <class V, class... Fill>
+    RCShdPtr<V> issue(KelIdSet& freeSet, int writable, const Fill&... fill);
+
+    KelIdSet _freeFloats;
+    KelIdSet _freeColors;
+    KelIdSet _freeImages;
+    int32_t _variableCount = 0;
+    std::vector<RCShdPtr<KelValue>> _variables;
+    std::vector<std::map<std::string, int32_t>> _scopes;
+    std::vector<KelImageEntry> _images;
+    GeInterval<int> _interval;
+    std::vector<RCShdPtr<KelValue>> _values;
+    KelMask _mask;
+    bool _terminating = false;
+    std::unordered_set<std::string> _usedNames;
+};
+
+// Part 2.2: a script's semantic fault, raised from `check` through raiseError.
+class KelParseEx : public ExBase {
+public:
+    KelParseEx(const char* file, int sourceLine, const std::string& reason, int line)
+        : ExBase(file, sourceLine, reason), _line(line) {}
+    ~KelParseEx() override = default;
+    ExBase* clone() const override { return new KelParseEx(*this); }
+    [[noreturn]] void raise() const override { throw KelParseEx(*this); }
+    int getLine() const { return _line; }
+
+private:
+    int _line;
+};
+
+}  // namespace Zt

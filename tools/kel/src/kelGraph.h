@@ -1,0 +1,307 @@
+// Part 4.1 Syntax tree node model; the node catalogue below is this header's table of contents.
+// Semantics: Part 4.2 (control flow: kelGraphControl.cpp), 4.3 (operator tables:
+// kelGraphOperators.cpp), 4.4 (unary and binary operators), 4.5 (assignment, variables,
+// literals), 4.6 (function declarations and calls). A node keeps `print`, `check` and `eval`
+// together. `check` may rewrite the tree (the implicit `sample` wrap); `eval` never writes to a
+// node, so one checked tree is shared by all tile threads.
+#pragma once
+
+#include <iostream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "kelContext.h"
+
+namespace Zt {
+
+class KelSyntaxTree;
+class StatementBlockNode;
+class ParameterNode;
+using KelNodePtr = RCShdPtr<KelSyntaxTree>;
+
+// The base of every node; instantiable, it is the empty statement.
+class KelSyntaxTree : public RCBase<LkCounter<int>>, public KelValueTypes {
+public:
+    explicit KelSyntaxTree(int line = 0) : _line(line) {}
+    ~KelSyntaxTree() override = default;
+    // Writes the node as script-like text (Part 4.1's print table); print() goes to stdout.
+    virtual void print(std::ostream& out) const {}
+    void print() const { print(std::cout); }
+    virtual RCShdPtr<KelValue> eval(KelContext& context) const { return nullptr; }
+    virtual RCShdPtr<KelValue> check(KelContext& context) { return nullptr; }
+    int line() const { return _line; }
+
+protected:
+    int32_t _line;
+};
+
+// ---- Part 4.2 ------------------------------------------------------------------------------
+
+class StatementBlockNode : public KelSyntaxTree {
+public:
+    explicit StatementBlockNode(int line);
+    void addStatement(const KelNodePtr& statement) { _statements.push_back(statement); }
+    const std::vector<KelNodePtr>& statements() const { return _statements; }
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    std::vector<KelNodePtr> _statements;
+};
+using KelBlockPtr = RCShdPtr<StatementBlockNode>;
+
+class ForNode : public KelSyntaxTree {
+public:
+    // `init` and `increment` may be null.
+    ForNode(const KelNodePtr& init, const KelNodePtr& condition, const KelNodePtr& increment, const KelBlockPtr& body, int line);
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    KelNodePtr _init;
+    KelNodePtr _condition;
+    KelNodePtr _increment;
+    KelBlockPtr _body;
+};
+
+class WhileNode : public KelSyntaxTree {
+public:
+    WhileNode(const KelNodePtr& condition, const KelBlockPtr& body, int line);
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    KelNodePtr _condition;
+    KelBlockPtr _body;
+};
+
+class IfNode : public KelSyntaxTree {
+public:
+    IfNode(const KelNodePtr& condition, const KelBlockPtr& thenBlock, int line);
+    void setElse(const KelBlockPtr& elseBlock) { _else = elseBlock; }
+    const KelBlockPtr& elseBlock() const { return _else; }
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    KelNodePtr _condition;
+    KelBlockPtr _then;
+    KelBlockPtr _else;
+};
+
+// ---- Part 4.6: declarations ------------------------------------------------------------------
+
+class ParameterNode : public KelSyntaxTree {
+public:
+    // `typeName` is "float", "image", "color" (type 1, 3, 4) or anything else (type 0).
+    ParameterNode(const std::string& name, const std::string& typeName, bool isOutput, int line);
+    const std::string& getName() const { return _name; }
+    int getType() const { return _type; }
+    bool isOutput() const { return _direction == 1; }
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;  // aborts (Part 4.6)
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    std::string _name;
+    std::string _typeName;
+    int32_t _type;
+    int32_t _direction;
+};
+using KelParameterPtr = RCShdPtr<ParameterNode>;
+
+class FunctionDeclarationNode : public KelSyntaxTree {
+public:
+    FunctionDeclarationNode(const std::string& name, const KelBlockPtr& body, int line);
+    const std::string& getName() const { return _name; }
+    void addParameter(const KelParameterPtr& parameter) { _parameters.push_back(parameter); }
+    void declareParameters(KelContext& context) const;
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+    std::vector<KelParameterPtr> _parameters;  // last declared first (Part 3.3)
+
+private:
+    std::string _name;
+    KelBlockPtr _body;
+};
+
+// ---- Part 4.4 ------------------------------------------------------------------------------
+
+class UnaryOpNode : public KelSyntaxTree {
+public:
+    // "!", "-", "+", "++", "--" (prefix), "P++", "P--" (postfix)
+    UnaryOpNode(const std::string& op, const KelNodePtr& operand, int line);
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    std::string _operator;
+    KelNodePtr _operand;
+};
+
+class BinaryOpNode : public KelSyntaxTree {
+public:
+    BinaryOpNode(const std::string& op, const KelNodePtr& left, const KelNodePtr& right, int line);
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    int32_t _op;  // Part 4.3 binaryOperators
+    std::string _operator;
+    KelNodePtr _left;
+    KelNodePtr _right;
+};
+
+// ---- Part 4.5 ------------------------------------------------------------------------------
+
+class AssignNode : public KelSyntaxTree {
+public:
+    // `checkConst` is 1 for an assignment statement, 0 inside an InitVarAssignNode.
+    AssignNode(const std::string& name, const std::string& op, const KelNodePtr& value, int line, int checkConst);
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    std::string _name;
+    std::string _operator;
+    int32_t _op;  // Part 4.3 assignOperators
+    KelNodePtr _value;
+    int32_t _id = -1;
+    int32_t _checkConst;
+};
+
+class InitVarNode : public KelSyntaxTree {
+public:
+    InitVarNode(const std::string& typeName, const std::string& name, bool writable, int line);
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    std::string _typeName;
+    int32_t _type;
+    std::string _name;
+    int32_t _writable;
+    int32_t _id = -1;
+};
+
+class InitVarAssignNode : public KelSyntaxTree {
+public:
+    InitVarAssignNode(const std::string& typeName, const std::string& name, const KelNodePtr& value, bool writable, int line);
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    InitVarNode _init;
+    AssignNode _assign;
+};
+
+class VariableNode : public KelSyntaxTree {
+public:
+    VariableNode(const std::string& name, int line);
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    std::string _name;
+    int32_t _id = -1;
+};
+
+class FloatLiteralNode : public KelSyntaxTree {
+public:
+    FloatLiteralNode(float value, int line);
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+private:
+    float _value;
+};
+
+// ---- Part 4.6: calls -------------------------------------------------------------------------
+
+// Abstract: only FunctionNode<F> instances occur in a tree.
+class FunctionCallNode : public KelSyntaxTree {
+public:
+    FunctionCallNode(const std::string& name, int line);
+    const std::string& getName() const { return _name; }
+    void addArgument(const KelNodePtr& argument) { _arguments.push_back(argument); }
+    // Appends a parameter to overload `overload`, creating the overloads up to it as needed.
+    void addOverloadParameter(int type, int overload, int mode);
+    void setReturnType(int overload, int type);
+    std::size_t argumentCount() const { return _arguments.size(); }
+    const KelNodePtr& argument(std::size_t i) const { return _arguments[i]; }
+    int overload() const { return _overload; }
+    const std::vector<std::vector<int>>& parameterTypes() const { return _parameterTypes; }
+    const std::vector<std::vector<int>>& parameterModes() const { return _parameterModes; }
+    const std::vector<int>& returnTypes() const { return _returnTypes; }
+
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override = 0;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+
+protected:
+    std::string _name;
+    std::vector<KelNodePtr> _arguments;
+    std::vector<std::vector<int>> _parameterTypes;
+    std::vector<std::vector<int>> _parameterModes;
+    std::vector<int> _returnTypes;
+    int32_t _overload = -1;
+};
+using KelCallPtr = RCShdPtr<FunctionCallNode>;
+
+// One class per built-in F (Part 3.4). F supplies the signature and the evaluation:
+//   static void declare(FunctionCallNode& node);   // addOverloadParameter / setReturnType
+//   static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+template <class F>
+class FunctionNode : public FunctionCallNode {
+public:
+    FunctionNode(const std::string& name, int line) : FunctionCallNode(name, line) { F::declare(*this); }
+    RCShdPtr<KelValue> eval(KelContext& context) const override { return F::eval(*this, context); }
+};
+
+// Part 4.6, the implicit `sample` wrap: replaces `child` by sample(child) made at `line`,
+// checks the new node and returns its prototype (a colour).
+RCShdPtr<KelValue> wrapInSample(KelNodePtr& child, int line, KelContext& context);
+
+// ---- Part 4.3: operator tables -----------------------------------------------------------------
+
+struct KelOperatorTables {
+    using BinaryFloat = void (*)(IxScanline<float>&, const IxScanline<float>&, const IxScanline<float>&, const GeInterval<int>*);
+    using BinaryColor = void (*)(IxScanline<Color>&, const IxScanline<Color>&, const IxScanline<Color>&, const GeInterval<int>*);
+    using BinaryFloatColor = void (*)(IxScanline<Color>&, const IxScanline<float>&, const IxScanline<Color>&, const GeInterval<int>*);
+    using BinaryColorFloat = void (*)(IxScanline<Color>&, const IxScanline<Color>&, const IxScanline<float>&, const GeInterval<int>*);
+    using CompareColor = void (*)(IxScanline<float>&, const IxScanline<Color>&, const IxScanline<Color>&, const GeInterval<int>*);
+    using AssignFloat = void (*)(IxScanline<float>&, const IxScanline<float>&, const IxScanline<float>*, const GeInterval<int>*);
+    using AssignColor = void (*)(IxScanline<Color>&, const IxScanline<Color>&, const IxScanline<float>*, const GeInterval<int>*);
+    using AssignColorFloat = void (*)(IxScanline<Color>&, const IxScanline<float>&, const IxScanline<float>*, const GeInterval<int>*);
+
+    static std::map<std::string, int> assignOperators;
+    static std::map<std::string, int> binaryOperators;
+    static std::map<std::string, int> typeNames;
+    static std::map<int, BinaryFloat> floatOperations;
+    static std::map<int, BinaryColor> colorOperations;
+    static std::map<int, BinaryFloatColor> floatColorOperations;
+    static std::map<int, BinaryColorFloat> colorFloatOperations;
+    static std::map<int, CompareColor> colorCompareOperations;
+    static std::map<int, AssignFloat> floatAssignOperations;
+    static std::map<int, AssignColor> colorAssignOperations;
+    static std::map<int, AssignColorFloat> colorFloatAssignOperations;
+
+    // Builds all eleven, in the order above (Part 6.1 step 4).
+    static void build();
+};
+
+}  // namespace Zt
