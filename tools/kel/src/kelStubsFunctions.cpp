@@ -1,12 +1,7 @@
-// TEMPORARY link stubs for kelFunctions.h (owners: FunctionSample -> evaluator work; the
-// rest -> built-ins work). Delete each part when real.
+// TEMPORARY link stubs for the catalogue and noise (owner: built-ins work). Delete when real.
 #include "kelFunctions.h"
 #define STUB Assertions::throwProgramAborted(__FILE__, __LINE__, "not implemented")
 namespace Zt {
-// -- FunctionSample (evaluator work)
-void FunctionSample::declare(FunctionCallNode&) {}
-RCShdPtr<KelValue> FunctionSample::eval(const FunctionCallNode&, KelContext&) { STUB; }
-// -- catalogue and noise (built-ins work)
 std::map<std::string, KelFunctionTable::Factory> KelFunctionTable::functions;
 void KelFunctionTable::build() {}
 KelFunctionTable::Factory KelFunctionTable::lookup(const std::string&) { return nullptr; }
