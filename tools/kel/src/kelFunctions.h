@@ -1,14 +1,142 @@
 // Subsystem 5, the built-in functions (Parts 5.1 to 5.4), and the catalogue of Part 3.4.
 // Each built-in is a class FunctionX with a static `declare` (its signature, Part 3.4) and a
 // static `eval` (what it computes); FunctionNode<FunctionX> (kelGraph.h) wraps it as a node.
+// Where functions differ only in a per-pixel formula, a channel or an image quantity, FunctionX
+// is one instance of a family template whose operation is defined in the family's .cpp file:
+// kelFunctionsMath.cpp (5.1), kelFunctionsColor.cpp (5.2), kelFunctionsImage.cpp (5.3),
+// kelFunctionsNoise.cpp (5.4, and `rand`), kelFunctionsCatalogue.cpp (3.4).
 #pragma once
 
+#include <initializer_list>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "kelGraph.h"
 
 namespace Zt {
+
+// Part 3.4: fills one overload's row of the signature tables, all parameters of mode 0 except
+// `writtenParameter` (mode 1, the function writes to that argument).
+void kelDeclareOverload(FunctionCallNode& node, int overload, int returnType, std::initializer_list<int> parameterTypes,
+                        int writtenParameter = -1);
+
+// ---- Part 5.1: math ---------------------------------------------------------------------------
+
+// The family of Part 5.1: `Op::arity` float arguments, evaluated first to last, a result from
+// newFloat(0) written at the active columns only, by the single-precision formula `Op::apply`.
+template <class Op>
+struct KelMathFunction {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
+
+// The per-pixel formulas, defined in kelFunctionsMath.cpp (Part 5.1's table).
+namespace KelMathOps {
+struct Sin; struct Cos; struct Tan; struct ASin; struct ACos; struct ATan; struct ATan2;
+struct Sinh; struct Cosh; struct Tanh; struct Degrees; struct Radians; struct Exp; struct Log;
+struct Log10; struct Pow; struct Pow10; struct Sqrt; struct Abs; struct Floor; struct Ceil;
+struct Round; struct Mod; struct Min; struct Max; struct Hypot;
+}  // namespace KelMathOps
+
+using FunctionSin = KelMathFunction<KelMathOps::Sin>;
+using FunctionCos = KelMathFunction<KelMathOps::Cos>;
+using FunctionTan = KelMathFunction<KelMathOps::Tan>;
+using FunctionASin = KelMathFunction<KelMathOps::ASin>;
+using FunctionACos = KelMathFunction<KelMathOps::ACos>;
+using FunctionATan = KelMathFunction<KelMathOps::ATan>;
+using FunctionATan2 = KelMathFunction<KelMathOps::ATan2>;
+using FunctionSinh = KelMathFunction<KelMathOps::Sinh>;
+using FunctionCosh = KelMathFunction<KelMathOps::Cosh>;
+using FunctionTanh = KelMathFunction<KelMathOps::Tanh>;
+using FunctionDegrees = KelMathFunction<KelMathOps::Degrees>;
+using FunctionRadians = KelMathFunction<KelMathOps::Radians>;
+using FunctionExp = KelMathFunction<KelMathOps::Exp>;
+using FunctionLog = KelMathFunction<KelMathOps::Log>;
+using FunctionLog10 = KelMathFunction<KelMathOps::Log10>;
+using FunctionPow = KelMathFunction<KelMathOps::Pow>;
+using FunctionPow10 = KelMathFunction<KelMathOps::Pow10>;
+using FunctionSqrt = KelMathFunction<KelMathOps::Sqrt>;
+using FunctionAbs = KelMathFunction<KelMathOps::Abs>;
+using FunctionFloor = KelMathFunction<KelMathOps::Floor>;
+using FunctionCeil = KelMathFunction<KelMathOps::Ceil>;
+using FunctionRound = KelMathFunction<KelMathOps::Round>;
+using FunctionMod = KelMathFunction<KelMathOps::Mod>;
+using FunctionMin = KelMathFunction<KelMathOps::Min>;
+using FunctionMax = KelMathFunction<KelMathOps::Max>;
+using FunctionHypot = KelMathFunction<KelMathOps::Hypot>;
+
+// ---- Part 5.2: colours and channels ------------------------------------------------------------
+
+// `r`, `g`, `b`, `a` (and `x`, `y`, `z`, `w`): channel `Channel` of a colour, at all columns.
+template <int Channel>
+struct KelChannelReader {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
+// `setR` .. `setA` (and `setX` .. `setW`): writes the channel of its first argument in place at
+// the active columns, and returns nothing (void, type 5).
+template <int Channel>
+struct KelChannelSetter {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
+
+using FunctionR = KelChannelReader<0>;
+using FunctionG = KelChannelReader<1>;
+using FunctionB = KelChannelReader<2>;
+using FunctionA = KelChannelReader<3>;
+using FunctionSetR = KelChannelSetter<0>;
+using FunctionSetG = KelChannelSetter<1>;
+using FunctionSetB = KelChannelSetter<2>;
+using FunctionSetA = KelChannelSetter<3>;
+
+// `color(r, g, b, a)`: all columns, varying.
+struct FunctionNewColor {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
+
+// `dot(p, q)`: four-channel dot product at the active columns; inactive columns stay 0.0.
+struct FunctionDot {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
+
+// ---- Part 5.3: image queries and sampling --------------------------------------------------------
+
+// A quantity of a KelImageEntry read for each column's image id, at all columns. `Q::shortWay`
+// says whether a uniform image value is answered by one `set` from its first column.
+template <class Q>
+struct KelImageQuery {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
+
+// The quantities, defined in kelFunctionsImage.cpp (Part 5.3's table).
+namespace KelImageQuantities {
+struct Width; struct Height; struct XMin; struct XMax; struct YMin; struct YMax; struct PixelAspectRatio;
+}  // namespace KelImageQuantities
+
+using FunctionWidth = KelImageQuery<KelImageQuantities::Width>;
+using FunctionHeight = KelImageQuery<KelImageQuantities::Height>;
+using FunctionXMin = KelImageQuery<KelImageQuantities::XMin>;
+using FunctionXMax = KelImageQuery<KelImageQuantities::XMax>;
+using FunctionYMin = KelImageQuery<KelImageQuantities::YMin>;
+using FunctionYMax = KelImageQuery<KelImageQuantities::YMax>;
+using FunctionGetPixelAspectRatio = KelImageQuery<KelImageQuantities::PixelAspectRatio>;
+
+// `getOutputImage()`: a fresh constant image value holding id 1.
+struct FunctionGetOutputImage {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
+
+// `isSame(i, j)`: 1.0 where the two id floats are equal, at all columns.
+struct FunctionIsSame {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
 
 // Part 5.3: `sample(i, x, y)` (overload 0) and `sample(i)` (overload 1). Also the node that the
 // implicit wrap of Part 4.6 builds.
@@ -17,14 +145,22 @@ struct FunctionSample {
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
 };
 
-// Part 3.4: the static table from name to factory, filled once at package initialisation.
-struct KelFunctionTable {
-    using Factory = RCShdPtr<FunctionCallNode> (*)(int line);
-    static std::map<std::string, Factory> functions;
-    // Registers the 56 names in the order of the catalogue (Part 6.1 step 3).
-    static void build();
-    // Exact, case-sensitive; null when the name is unknown.
-    static Factory lookup(const std::string& name);
+// ---- Part 5.4: noise and random numbers ------------------------------------------------------------
+
+// `noise3D(x, y, z)`: at all columns, the mask plays no part.
+struct FunctionNoise3D {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
+
+// `rand()`: one number of the C runtime's generator per active column, left to right.
+struct FunctionRand {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    // The next number of the generator, reduced to 0..32767 (glibc's RAND_MAX is larger).
+    static int nextNumber();
+    // A generator number as a pixel: n / 32767, so 32767 gives exactly 1.0.
+    static float toUnit(int number) { return float(number) / 32767.0f; }
 };
 
 // Part 5.4: the three constant tables of noise3D, built once (Part 6.1 step 5).
@@ -34,6 +170,20 @@ struct KelNoise {
     static int permutation[512];
     static void buildTables();
     static float noise(float x, float y, float z);
+};
+
+// ---- Part 3.4: the catalogue ---------------------------------------------------------------------
+
+// Part 3.4: the static table from name to factory, filled once at package initialisation.
+struct KelFunctionTable {
+    using Factory = RCShdPtr<FunctionCallNode> (*)(int line);
+    static std::map<std::string, Factory> functions;
+    // Registers the 56 names in the order of the catalogue (Part 6.1 step 3).
+    static void build();
+    // Exact, case-sensitive; null when the name is unknown.
+    static Factory lookup(const std::string& name);
+    // The names in the order of registration (the catalogue's order), for tests and listings.
+    static const std::vector<std::string>& namesInOrder();
 };
 
 }  // namespace Zt

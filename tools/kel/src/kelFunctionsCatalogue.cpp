@@ -1,0 +1,125 @@
+// Part 3.4: the built-in function catalogue. The table from name to factory, filled once at
+// package initialisation from one list in the catalogue's order, and the shared helper by which
+// each FunctionX declares its signature. What each function computes is in Parts 5.1 to 5.4.
+#include <algorithm>
+#include <array>
+
+#include "kelFunctions.h"
+
+namespace Zt {
+
+std::map<std::string, KelFunctionTable::Factory> KelFunctionTable::functions;
+
+void kelDeclareOverload(FunctionCallNode& node, int overload, int returnType, std::initializer_list<int> parameterTypes,
+                        int writtenParameter) {
+    int i = 0;
+    for (int type : parameterTypes) node.addOverloadParameter(type, overload, i++ == writtenParameter ? 1 : 0);
+    node.setReturnType(overload, returnType);
+}
+
+namespace {
+
+// A script name as a template argument, so that each name gets a factory of its own even when
+// two names share a class (`x` and `r`): the node prints under the name that the script used.
+template <std::size_t N>
+struct KelName {
+    char text[N];
+    constexpr KelName(const char (&name)[N]) { std::copy_n(name, N, text); }
+};
+
+template <class F, KelName Name>
+RCShdPtr<FunctionCallNode> makeNode(int line) {
+    return RCShdPtr<FunctionCallNode>(new FunctionNode<F>(std::string(Name.text), line));
+}
+
+struct CatalogueEntry {
+    const char* name;
+    KelFunctionTable::Factory factory;
+};
+
+template <class F, KelName Name>
+constexpr CatalogueEntry entry() {
+    return {Name.text, &makeNode<F, Name>};
+}
+
+// Part 3.4's table, in the order of registration.
+const std::array<CatalogueEntry, 56> kCatalogue = {{
+    entry<FunctionSin,                 "sin">(),
+    entry<FunctionCos,                 "cos">(),
+    entry<FunctionTan,                 "tan">(),
+    entry<FunctionASin,                "asin">(),
+    entry<FunctionACos,                "acos">(),
+    entry<FunctionATan,                "atan">(),
+    entry<FunctionATan2,               "atan2">(),
+    entry<FunctionSinh,                "sinh">(),
+    entry<FunctionCosh,                "cosh">(),
+    entry<FunctionTanh,                "tanh">(),
+    entry<FunctionDegrees,             "degrees">(),
+    entry<FunctionRadians,             "radians">(),
+    entry<FunctionExp,                 "exp">(),
+    entry<FunctionLog,                 "log">(),
+    entry<FunctionLog10,               "log10">(),
+    entry<FunctionPow,                 "pow">(),
+    entry<FunctionPow10,               "pow10">(),
+    entry<FunctionFloor,               "floor">(),
+    entry<FunctionCeil,                "ceil">(),
+    entry<FunctionRound,               "round">(),
+    entry<FunctionMod,                 "mod">(),
+    entry<FunctionMin,                 "min">(),
+    entry<FunctionMax,                 "max">(),
+    entry<FunctionHypot,               "hypot">(),
+    entry<FunctionRand,                "rand">(),
+    entry<FunctionR,                   "r">(),
+    entry<FunctionG,                   "g">(),
+    entry<FunctionB,                   "b">(),
+    entry<FunctionA,                   "a">(),
+    entry<FunctionR,                   "x">(),
+    entry<FunctionG,                   "y">(),
+    entry<FunctionB,                   "z">(),
+    entry<FunctionA,                   "w">(),
+    entry<FunctionSetR,                "setR">(),
+    entry<FunctionSetG,                "setG">(),
+    entry<FunctionSetB,                "setB">(),
+    entry<FunctionSetA,                "setA">(),
+    entry<FunctionSetR,                "setX">(),
+    entry<FunctionSetG,                "setY">(),
+    entry<FunctionSetB,                "setZ">(),
+    entry<FunctionSetA,                "setW">(),
+    entry<FunctionNewColor,            "color">(),
+    entry<FunctionSample,              "sample">(),
+    entry<FunctionWidth,               "width">(),
+    entry<FunctionHeight,              "height">(),
+    entry<FunctionAbs,                 "abs">(),
+    entry<FunctionSqrt,                "sqrt">(),
+    entry<FunctionXMin,                "xmin">(),
+    entry<FunctionXMax,                "xmax">(),
+    entry<FunctionYMin,                "ymin">(),
+    entry<FunctionYMax,                "ymax">(),
+    entry<FunctionDot,                 "dot">(),
+    entry<FunctionGetOutputImage,      "getOutputImage">(),
+    entry<FunctionGetPixelAspectRatio, "getPixelAspectRatio">(),
+    entry<FunctionIsSame,              "isSame">(),
+    entry<FunctionNoise3D,             "noise3D">(),
+}};
+
+}  // namespace
+
+void KelFunctionTable::build() {
+    for (const CatalogueEntry& e : kCatalogue) functions.emplace(e.name, e.factory);
+}
+
+KelFunctionTable::Factory KelFunctionTable::lookup(const std::string& name) {
+    auto it = functions.find(name);
+    return it == functions.end() ? nullptr : it->second;
+}
+
+const std::vector<std::string>& KelFunctionTable::namesInOrder() {
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> result;
+        for (const CatalogueEntry& e : kCatalogue) result.emplace_back(e.name);
+        return result;
+    }();
+    return names;
+}
+
+}  // namespace Zt

@@ -1,0 +1,108 @@
+// Part 5.2: colour and channel functions. The readers and setters go through the host's
+// whole-row channel operations (extractChannel, replaceChannelIf); `color` and `dot` are plain
+// loops over the raw rows.
+#include "kelFunctions.h"
+
+namespace Zt {
+
+namespace {
+
+KelColorPtr evalColor(const FunctionCallNode& node, std::size_t i, KelContext& context) {
+    return rcStaticCast<KelColor>(node.argument(i)->eval(context));
+}
+
+KelFloatPtr evalFloat(const FunctionCallNode& node, std::size_t i, KelContext& context) {
+    return rcStaticCast<KelFloat>(node.argument(i)->eval(context));
+}
+
+float dot4(const Color& p, const Color& q) { return p.r * q.r + p.g * q.g + p.b * q.b + p.a * q.a; }
+
+}  // namespace
+
+template <int Channel>
+void KelChannelReader<Channel>::declare(FunctionCallNode& node) {
+    kelDeclareOverload(node, 0, KelValueTypes::Float, {KelValueTypes::Color});
+}
+
+// All columns are written, active or not.
+template <int Channel>
+RCShdPtr<KelValue> KelChannelReader<Channel>::eval(const FunctionCallNode& node, KelContext& context) {
+    KelColorPtr colour = evalColor(node, 0, context);
+    KelFloatPtr result = context.newFloat(0);
+    IxScanlineUtil::extractChannel(result->getScanline(), Channel, colour->getScanline(), IxScanlineUtilTypes::NoInvert,
+                                   nullptr);
+    return result;
+}
+
+template <int Channel>
+void KelChannelSetter<Channel>::declare(FunctionCallNode& node) {
+    kelDeclareOverload(node, 0, KelValueTypes::Void, {KelValueTypes::Color, KelValueTypes::Float}, 0);
+}
+
+// The first argument is the variable's own value object: it changes in place at the active
+// columns, and its `_uniform` flag is left as it was.
+template <int Channel>
+RCShdPtr<KelValue> KelChannelSetter<Channel>::eval(const FunctionCallNode& node, KelContext& context) {
+    KelColorPtr target = evalColor(node, 0, context);
+    KelFloatPtr value = evalFloat(node, 1, context);
+    IxScanlineUtil::replaceChannelIf(target->getScanline(), value->getScanline(), context.getMask().activeScanline(),
+                                     Channel, nullptr);
+    return nullptr;
+}
+
+template struct KelChannelReader<0>;
+template struct KelChannelReader<1>;
+template struct KelChannelReader<2>;
+template struct KelChannelReader<3>;
+template struct KelChannelSetter<0>;
+template struct KelChannelSetter<1>;
+template struct KelChannelSetter<2>;
+template struct KelChannelSetter<3>;
+
+void FunctionNewColor::declare(FunctionCallNode& node) {
+    kelDeclareOverload(node, 0, KelValueTypes::Color,
+                       {KelValueTypes::Float, KelValueTypes::Float, KelValueTypes::Float, KelValueTypes::Float});
+}
+
+RCShdPtr<KelValue> FunctionNewColor::eval(const FunctionCallNode& node, KelContext& context) {
+    KelFloatPtr red = evalFloat(node, 0, context);
+    KelFloatPtr green = evalFloat(node, 1, context);
+    KelFloatPtr blue = evalFloat(node, 2, context);
+    KelFloatPtr alpha = evalFloat(node, 3, context);
+    KelColorPtr result = context.newColor(0);
+    IxScanline<Color>& out = result->getScanline();
+    Color* d = out.data();
+    const float* r = red->getScanline().data();
+    const float* g = green->getScanline().data();
+    const float* b = blue->getScanline().data();
+    const float* a = alpha->getScanline().data();
+    for (int x = out.minimum(); x < out.maximum(); ++x) d[x] = Color(r[x], g[x], b[x], a[x]);
+    return result;
+}
+
+void FunctionDot::declare(FunctionCallNode& node) {
+    kelDeclareOverload(node, 0, KelValueTypes::Float, {KelValueTypes::Color, KelValueTypes::Color});
+}
+
+// From newConstantFloat(0.0, 0), so that inactive columns hold 0.0; the result keeps the
+// uniform flag although it varies, which nothing reads for a float (Part 2.1).
+RCShdPtr<KelValue> FunctionDot::eval(const FunctionCallNode& node, KelContext& context) {
+    KelColorPtr left = evalColor(node, 0, context);
+    KelColorPtr right = evalColor(node, 1, context);
+    KelFloatPtr result = context.newConstantFloat(0.0f, 0);
+    IxScanline<float>& out = result->getScanline();
+    float* d = out.data();
+    const Color* p = left->getScanline().data();
+    const Color* q = right->getScanline().data();
+    const KelMask& mask = context.getMask();
+    if (mask.allActive()) {
+        for (int x = out.minimum(); x < out.maximum(); ++x) d[x] = dot4(p[x], q[x]);
+    } else {
+        const float* m = mask.getScanline().data();
+        for (int x = out.minimum(); x < out.maximum(); ++x)
+            if (m[x] != 0.0f) d[x] = dot4(p[x], q[x]);
+    }
+    return result;
+}
+
+}  // namespace Zt

@@ -1,0 +1,160 @@
+// Part 5.4: noise and random numbers. `noise3D` is improved Perlin noise over the system's own
+// permutation table, computed exactly in the steps of Part 5.4 (floor by bit pattern, fifth-degree
+// fade, twelve edge gradients padded to sixteen); `rand` draws from the C runtime's generator.
+#include <bit>
+#include <cstdint>
+#include <cstdlib>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include "kelFunctions.h"
+
+namespace Zt {
+
+float KelNoise::cornerOffsets[8][3];
+float KelNoise::gradients[16][3];
+int KelNoise::permutation[512];
+
+namespace {
+
+// clang-format off
+// Part 5.4: a permutation of 0..255, the system's own; the table repeats it once.
+constexpr int kPermutation[256] = {
+    205, 240, 162, 226, 237, 136, 227, 152, 188, 102, 193, 124, 244, 219,  71, 150,
+    246, 108,  94,  17, 175,  47,  64,  66,  65,   7, 222,  76, 138,  99,  77,  81,
+    192, 155,  56,  39,  25,   3, 151, 101,  61,  68, 172, 167,  24, 160,  97,  19,
+    179, 180, 198,  33,  21, 224, 197,  15, 120, 196, 239,  44,  83,  38,  46, 103,
+     84,  95, 213, 200, 170,  23,  70, 149, 163, 148, 251, 186, 211, 189, 100,  42,
+    191,  52,  72,  53,  67, 215, 245, 207, 144, 146,  45, 181,  93, 147, 153,  80,
+    116, 114,  49,   4,  88,  16,  90, 127, 255, 202,  85,  55, 178, 221, 229,  10,
+     13, 105, 177,  58,   0,  60, 234,  34,  50, 141, 242, 156, 134,  28, 176, 118,
+     48,   1, 210,   6, 187, 119, 243, 128, 232, 166,   5, 236, 137,  73, 253, 217,
+    214, 212,  69, 111,  79, 184,  51,  87, 216, 135, 168, 158, 249,  92,  35, 182,
+    107, 235, 126,  31,   2, 254, 133, 233,  18, 201, 174,   8, 159,  82,  37, 113,
+      9,  63,  41, 104,  59,  26, 231, 145,  89, 122, 110, 142,  86, 164,  29,  30,
+    169, 154, 223, 112, 140,  78,  75, 220, 238,  54, 143, 195, 131, 130, 228, 139,
+    121, 109,  12, 161, 125,  57,  74, 190, 250, 171, 209, 199,  40, 123, 204, 247,
+    183, 173,  98, 185, 208, 248, 241,  14,  27, 203, 218, 230,  43,  96,  22, 194,
+    129,  11, 115, 165,  32, 132,  91,  36, 157, 117, 225, 206,  20, 106,  62, 252,
+};
+
+// The twelve edge directions of improved noise, padded to sixteen rows.
+constexpr float kGradients[16][3] = {
+    { 1,  1,  0}, {-1,  1,  0}, { 1, -1,  0}, {-1, -1,  0},
+    { 1,  0,  1}, {-1,  0,  1}, { 1,  0, -1}, {-1,  0, -1},
+    { 0,  1,  1}, { 0, -1,  1}, { 0,  1, -1}, { 0, -1, -1},
+    { 1,  1,  0}, { 0, -1,  1}, {-1,  1,  0}, { 0, -1, -1},
+};
+
+// The cube's corners in the order of their hashes (step 4).
+constexpr float kCornerOffsets[8][3] = {
+    {0, 0, 0}, {0, 1, 0}, {1, 0, 0}, {1, 1, 0},
+    {0, 0, 1}, {0, 1, 1}, {1, 0, 1}, {1, 1, 1},
+};
+// clang-format on
+
+// Float to 32-bit integer by truncation; out of range or NaN gives the conversion's overflow
+// value (0x80000000 on x86) rather than undefined behaviour (Part 5.4, left to the implementer).
+int32_t truncate(float v) {
+#if defined(__SSE2__)
+    return _mm_cvttss_si32(_mm_set_ss(v));
+#else
+    return static_cast<int32_t>(v);
+#endif
+}
+
+// Step 1: floor without a library call. For a negative value (or NaN), one step down in the bit
+// pattern moves it toward zero by one ulp, so that truncating and subtracting 1 is exact for
+// negative whole numbers too.
+int32_t floorByBits(float v) {
+    if (v >= 0.0f) return truncate(v);
+    // Unsigned, so that the overflow value of a NaN wraps instead of overflowing.
+    const uint32_t truncated = uint32_t(truncate(std::bit_cast<float>(std::bit_cast<uint32_t>(v) - 1u)));
+    return int32_t(truncated - 1u);
+}
+
+float fade(float t) { return t * t * t * ((6.0f * t - 15.0f) * t + 10.0f); }
+
+float lerp(float s, float p, float q) { return p + (q - p) * s; }
+
+// Step 5: the gradient of `hash` dotted with the offset from corner `c`, added from the left.
+float cornerDot(int hash, int c, float fx, float fy, float fz) {
+    const float* g = KelNoise::gradients[hash & 15];
+    const float* o = KelNoise::cornerOffsets[c];
+    return (fx - o[0]) * g[0] + (fy - o[1]) * g[1] + (fz - o[2]) * g[2];
+}
+
+}  // namespace
+
+void KelNoise::buildTables() {
+    for (int i = 0; i < 512; ++i) permutation[i] = kPermutation[i & 255];
+    for (int i = 0; i < 16; ++i)
+        for (int k = 0; k < 3; ++k) gradients[i][k] = kGradients[i][k];
+    for (int i = 0; i < 8; ++i)
+        for (int k = 0; k < 3; ++k) cornerOffsets[i][k] = kCornerOffsets[i][k];
+}
+
+float KelNoise::noise(float x, float y, float z) {
+    const int32_t ix = floorByBits(x), iy = floorByBits(y), iz = floorByBits(z);
+    const int X = ix & 255, Y = iy & 255, Z = iz & 255;
+    const float fx = x - float(ix), fy = y - float(iy), fz = z - float(iz);
+
+    const int* P = permutation;
+    const int A = P[X] + Y, B = P[X + 1] + Y;
+    const int AA = P[A] + Z, AB = P[A + 1] + Z, BA = P[B] + Z, BB = P[B + 1] + Z;
+
+    // Corners in the order of cornerOffsets: (000) (010) (100) (110) (001) (011) (101) (111).
+    const float g000 = cornerDot(P[AA], 0, fx, fy, fz);
+    const float g010 = cornerDot(P[AB], 1, fx, fy, fz);
+    const float g100 = cornerDot(P[BA], 2, fx, fy, fz);
+    const float g110 = cornerDot(P[BB], 3, fx, fy, fz);
+    const float g001 = cornerDot(P[AA + 1], 4, fx, fy, fz);
+    const float g011 = cornerDot(P[AB + 1], 5, fx, fy, fz);
+    const float g101 = cornerDot(P[BA + 1], 6, fx, fy, fz);
+    const float g111 = cornerDot(P[BB + 1], 7, fx, fy, fz);
+
+    const float u = fade(fx), v = fade(fy), w = fade(fz);
+    const float f0 = lerp(v, lerp(u, g000, g100), lerp(u, g010, g110));
+    const float f1 = lerp(v, lerp(u, g001, g101), lerp(u, g011, g111));
+    return lerp(w, f0, f1);
+}
+
+void FunctionNoise3D::declare(FunctionCallNode& node) {
+    kelDeclareOverload(node, 0, KelValueTypes::Float, {KelValueTypes::Float, KelValueTypes::Float, KelValueTypes::Float});
+}
+
+// Every column, active or not: the mask plays no part.
+RCShdPtr<KelValue> FunctionNoise3D::eval(const FunctionCallNode& node, KelContext& context) {
+    KelFloatPtr xs = rcStaticCast<KelFloat>(node.argument(0)->eval(context));
+    KelFloatPtr ys = rcStaticCast<KelFloat>(node.argument(1)->eval(context));
+    KelFloatPtr zs = rcStaticCast<KelFloat>(node.argument(2)->eval(context));
+    KelFloatPtr result = context.newFloat(0);
+    IxScanline<float>& out = result->getScanline();
+    float* d = out.data();
+    const float* px = xs->getScanline().data();
+    const float* py = ys->getScanline().data();
+    const float* pz = zs->getScanline().data();
+    for (int x = out.minimum(); x < out.maximum(); ++x) d[x] = KelNoise::noise(px[x], py[x], pz[x]);
+    return result;
+}
+
+void FunctionRand::declare(FunctionCallNode& node) { kelDeclareOverload(node, 0, KelValueTypes::Float, {}); }
+
+// Never seeded: the sequence runs on from the runtime's default through all evaluations.
+int FunctionRand::nextNumber() { return std::rand() & 0x7fff; }
+
+// Left to right, one number per active column; an inactive column takes none and isn't written.
+RCShdPtr<KelValue> FunctionRand::eval(const FunctionCallNode& node, KelContext& context) {
+    KelFloatPtr result = context.newFloat(0);
+    IxScanline<float>& out = result->getScanline();
+    float* d = out.data();
+    const KelMask& mask = context.getMask();
+    const float* m = mask.getScanline().data();
+    for (int x = out.minimum(); x < out.maximum(); ++x)
+        if (m[x] != 0.0f) d[x] = toUnit(nextNumber());
+    return result;
+}
+
+}  // namespace Zt
