@@ -2,7 +2,7 @@
 // package initialisation from one list in the catalogue's order, and the shared helper by which
 // each FunctionX declares its signature. What each function computes is in Parts 5.1 to 5.4.
 #include <algorithm>
-#include <array>
+#include <iterator>
 
 #include "kelFunctions.h"
 
@@ -43,7 +43,7 @@ constexpr CatalogueEntry entry() {
 }
 
 // Part 3.4's table, in the order of registration.
-const std::array<CatalogueEntry, 56> kCatalogue = {{
+const CatalogueEntry kCatalogue[] = {
     entry<FunctionSin,                 "sin">(),
     entry<FunctionCos,                 "cos">(),
     entry<FunctionTan,                 "tan">(),
@@ -100,7 +100,8 @@ const std::array<CatalogueEntry, 56> kCatalogue = {{
     entry<FunctionGetPixelAspectRatio, "getPixelAspectRatio">(),
     entry<FunctionIsSame,              "isSame">(),
     entry<FunctionNoise3D,             "noise3D">(),
-}};
+};
+static_assert(std::size(kCatalogue) == 56, "Part 3.4 registers 56 names");
 
 }  // namespace
 

@@ -40,6 +40,16 @@ constexpr int kPermutation[256] = {
     129,  11, 115, 165,  32, 132,  91,  36, 157, 117, 225, 206,  20, 106,  62, 252,
 };
 
+constexpr bool isPermutationOf256(const int (&list)[256]) {
+    bool seen[256] = {};
+    for (int v : list) {
+        if (v < 0 || v > 255 || seen[v]) return false;
+        seen[v] = true;
+    }
+    return true;
+}
+static_assert(isPermutationOf256(kPermutation), "Part 5.4: a permutation of 0 to 255");
+
 // The twelve edge directions of improved noise, padded to sixteen rows.
 constexpr float kGradients[16][3] = {
     { 1,  1,  0}, {-1,  1,  0}, { 1, -1,  0}, {-1, -1,  0},
