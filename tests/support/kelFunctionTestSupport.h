@@ -11,8 +11,8 @@
 
 namespace Zt::test {
 
-// A test-only argument node: its eval delivers the value held in variable `id` of the context,
-// the same object at each call, as a VariableNode does.
+// A test-only argument node: its eval (and check) delivers the value held in variable `id` of the
+// context, the same object at each call, as a VariableNode does.
 class HeldValueNode : public KelSyntaxTree {
 public:
     explicit HeldValueNode(int id) : KelSyntaxTree(1), _id(id) {}
@@ -20,6 +20,9 @@ public:
         ++evalCount;
         return context.getVariable(_id);
     }
+    // In a check context the held value is the prototype, with its type and writability.
+    RCShdPtr<KelValue> check(KelContext& context) override { return context.getVariable(_id); }
+    void print(std::ostream& out) const override { out << "arg" << _id; }
     mutable int evalCount = 0;
 
 private:

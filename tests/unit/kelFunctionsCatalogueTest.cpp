@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <sstream>
 
 #include "kelFunctionTestSupport.h"
 
@@ -176,4 +177,116 @@ TEST(KelFunctionsCatalogue, EachNodeHasItsOwnSignatureCopy) {
     KelCallPtr second = make("atan2");
     first->addOverloadParameter(C, 0, 0);
     EXPECT_EQ(second->parameterTypes().at(0), (std::vector<int>{F, F}));
+}
+
+// ---- Resolution through FunctionCallNode::check (Part 4.6) of the catalogue's signatures ---------
+
+namespace {
+
+// Checks a call made by the catalogue's factory over prototypes held in `h`, at line 1.
+KelValuePtr checkCall(CallHarness& h, const std::string& name, const std::vector<KelNodePtr>& arguments) {
+    KelCallPtr node = make(name, 1);
+    for (const KelNodePtr& a : arguments) node->addArgument(a);
+    return node->check(h.context);
+}
+
+std::string checkMessage(CallHarness& h, const std::string& name, const std::vector<KelNodePtr>& arguments) {
+    try {
+        checkCall(h, name, arguments);
+    } catch (const KelParseEx& e) {
+        return e.what();
+    }
+    return "(no error)";
+}
+
+std::string noOverload(const std::string& name) {
+    return "No overloaded function for '" + name + "' match the argument list at line 1";
+}
+
+}  // namespace
+
+TEST(KelFunctionsCatalogueCheck, SampleResolvesWithOneOrThreeArgumentsOnly) {
+    CallHarness h(0, 1);
+    auto image = h.image(2.0f);
+    auto f = h.constant(1.0f);
+    KelCallPtr one = make("sample", 1), three = make("sample", 1);
+    one->addArgument(image);
+    for (const KelNodePtr& a : {image, f, f}) three->addArgument(a);
+    EXPECT_EQ(one->check(h.context)->getType(), C);
+    EXPECT_EQ(one->overload(), 1);
+    EXPECT_EQ(three->check(h.context)->getType(), C);
+    EXPECT_EQ(three->overload(), 0);
+    EXPECT_EQ(checkMessage(h, "sample", {image, f}), noOverload("sample"));
+}
+
+// setR's first parameter is written: a const colour is refused; a writable one gives no value.
+TEST(KelFunctionsCatalogueCheck, SettersRefuseConstColoursAndHaveNoValue) {
+    CallHarness h(0, 1);
+    auto constant = h.colors({Color(1, 1, 1, 1)}, 0);
+    auto variable = h.colors({Color(1, 1, 1, 1)}, 1);
+    auto one = h.constant(1.0f);
+    EXPECT_EQ(checkMessage(h, "setR", {constant, one}),
+              "The parameter #1 cannot be used in the function setR because it is const. at line 1");
+    EXPECT_EQ(checkMessage(h, "setW", {constant, one}),
+              "The parameter #1 cannot be used in the function setW because it is const. at line 1");
+    EXPECT_TRUE(checkCall(h, "setR", {variable, one}).isNull());
+}
+
+TEST(KelFunctionsCatalogueCheck, ArgumentCountsAndTypesAreExact) {
+    CallHarness h(0, 1);
+    auto f = h.constant(1.0f);
+    auto c = h.colors({Color(1, 0, 0, 1)});
+    for (const char* name : {"min", "max", "mod", "pow", "hypot", "atan2"}) {
+        EXPECT_EQ(checkCall(h, name, {f, f})->getType(), F) << name;
+        EXPECT_EQ(checkMessage(h, name, {f}), noOverload(name));
+        EXPECT_EQ(checkMessage(h, name, {f, f, f}), noOverload(name));
+    }
+    EXPECT_EQ(checkCall(h, "noise3D", {f, f, f})->getType(), F);
+    EXPECT_EQ(checkMessage(h, "noise3D", {f, f}), noOverload("noise3D"));
+    EXPECT_EQ(checkCall(h, "color", {f, f, f, f})->getType(), C);
+    EXPECT_EQ(checkMessage(h, "color", {f, f, f}), noOverload("color"));
+    // dot takes two colours; there is no dot of floats. abs takes a float only.
+    EXPECT_EQ(checkCall(h, "dot", {c, c})->getType(), F);
+    EXPECT_EQ(checkMessage(h, "dot", {f, f}), noOverload("dot"));
+    EXPECT_EQ(checkMessage(h, "abs", {c}), noOverload("abs"));
+    EXPECT_EQ(checkMessage(h, "r", {f}), noOverload("r"));
+}
+
+TEST(KelFunctionsCatalogueCheck, RandAndGetOutputImageTakeNoArgument) {
+    CallHarness h(0, 1);
+    auto f = h.constant(1.0f);
+    EXPECT_EQ(checkCall(h, "rand", {})->getType(), F);
+    EXPECT_EQ(checkCall(h, "getOutputImage", {})->getType(), I);
+    EXPECT_EQ(checkMessage(h, "rand", {f}), noOverload("rand"));
+    EXPECT_EQ(checkMessage(h, "getOutputImage", {f}), noOverload("getOutputImage"));
+}
+
+// An image where a colour is wanted is sampled: r(img) becomes r(sample(img)).
+TEST(KelFunctionsCatalogueCheck, ImageForAColourParameterIsSampled) {
+    CallHarness h(0, 1);
+    KelCallPtr node = make("x", 1);
+    node->addArgument(h.image(2.0f));
+    EXPECT_EQ(node->check(h.context)->getType(), F);
+    auto* wrapped = dynamic_cast<FunctionNode<FunctionSample>*>(node->argument(0).get());
+    ASSERT_NE(wrapped, nullptr);
+    EXPECT_EQ(wrapped->getName(), "sample");
+    EXPECT_EQ(h.context.usedNames().count("x0"), 1u);
+    EXPECT_EQ(h.context.usedNames().count("sample1"), 1u);
+}
+
+// A call prints under the script's name: `x(c)` as x, `r(c)` as r (Part 4.1's print table).
+TEST(KelFunctionsCatalogueCheck, NodesPrintUnderTheScriptsName) {
+    CallHarness h(0, 1);
+    auto c = h.colors({Color(1, 0, 0, 1)});
+    for (const char* name : {"x", "r", "setW", "rand"}) {
+        KelCallPtr node = make(name, 1);
+        std::ostringstream out;
+        node->print(out);
+        EXPECT_EQ(out.str(), std::string(name) + "(  )");
+    }
+    KelCallPtr x = make("x", 1);
+    x->addArgument(c);
+    std::ostringstream out;
+    x->print(out);
+    EXPECT_EQ(out.str().substr(0, 3), "x( ");
 }
