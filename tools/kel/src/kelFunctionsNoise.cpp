@@ -67,7 +67,7 @@ constexpr float kCornerOffsets[8][3] = {
 
 // Float to 32-bit integer by truncation; out of range or NaN gives the conversion's overflow
 // value (0x80000000 on x86) rather than undefined behaviour (Part 5.4, left to the implementer).
-int32_t truncate(float v) {
+int32_t truncateToInt(float v) {
 #if defined(__SSE2__)
     return _mm_cvttss_si32(_mm_set_ss(v));
 #else
@@ -79,9 +79,9 @@ int32_t truncate(float v) {
 // pattern moves it toward zero by one ulp, so that truncating and subtracting 1 is exact for
 // negative whole numbers too.
 int32_t floorByBits(float v) {
-    if (v >= 0.0f) return truncate(v);
+    if (v >= 0.0f) return truncateToInt(v);
     // Unsigned, so that the overflow value of a NaN wraps instead of overflowing.
-    const uint32_t truncated = uint32_t(truncate(std::bit_cast<float>(std::bit_cast<uint32_t>(v) - 1u)));
+    const uint32_t truncated = uint32_t(truncateToInt(std::bit_cast<float>(std::bit_cast<uint32_t>(v) - 1u)));
     return int32_t(truncated - 1u);
 }
 
