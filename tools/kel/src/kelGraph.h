@@ -253,6 +253,9 @@ public:
     RCShdPtr<KelValue> check(KelContext& context) override;
 
 protected:
+    // Part 4.6 step 5: the relaxed pass and its `sample` wraps.
+    void resolveRelaxed(std::vector<RCShdPtr<KelValue>>& prototypes, KelContext& context);
+
     std::string _name;
     std::vector<KelNodePtr> _arguments;
     std::vector<std::vector<int>> _parameterTypes;

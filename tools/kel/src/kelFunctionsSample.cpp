@@ -1,0 +1,70 @@
+// Part 5.3: `sample`. Overload 0 reads an image through its sampler at given coordinates, for
+// the active columns; overload 1 copies the current pixel from the image's row, and is the node
+// that the implicit wrap of Part 4.6 builds wherever an image stands for a colour.
+#include "kelFunctions.h"
+
+namespace Zt {
+
+namespace {
+
+// Part 5.3: one constant object of the library, built by setIdentity when the library loads.
+const GeLinearMatrix2<double> kIdentity = [] {
+    GeLinearMatrix2<double> m;
+    m.setIdentity();
+    return m;
+}();
+
+const Zt::Color kOpaqueBlack{0.0f, 0.0f, 0.0f, 1.0f};
+
+int imageId(float id) { return static_cast<int>(id); }
+
+// Overload 0: inactive columns aren't written; an entry without sampler gives opaque black.
+RCShdPtr<KelValue> sampleAtCoordinates(const FunctionCallNode& node, KelContext& context) {
+    KelImagePtr image = rcStaticCast<KelImage>(node.argument(0)->eval(context));
+    KelFloatPtr xs = rcStaticCast<KelFloat>(node.argument(1)->eval(context));
+    KelFloatPtr ys = rcStaticCast<KelFloat>(node.argument(2)->eval(context));
+    KelColorPtr result = context.newColor(0);
+    IxScanline<Zt::Color>& out = result->getScanline();
+    const KelMask& mask = context.getMask();
+    const float* ids = image->getScanline().data();
+    for (int x = out.minimum(); x < out.maximum(); ++x) {
+        if (mask.isActive(x) == 0.0f) continue;
+        const KelImageEntry& entry = context.getImage(imageId(ids[x]));
+        if (!entry.sampler) {
+            out.data()[x] = kOpaqueBlack;
+            continue;
+        }
+        const double coords[2] = {double(xs->getScanline().data()[x]), double(ys->getScanline().data()[x])};
+        entry.sampler->sampleAt(out.data()[x], coords, kIdentity);
+    }
+    return result;
+}
+
+// Overload 1: all columns; a uniform image value is one `copy` of its entry's row.
+RCShdPtr<KelValue> sampleCurrentPixel(const FunctionCallNode& node, KelContext& context) {
+    KelImagePtr image = rcStaticCast<KelImage>(node.argument(0)->eval(context));
+    KelColorPtr result = context.newColor(0);
+    IxScanline<Zt::Color>& out = result->getScanline();
+    if (out.minimum() >= out.maximum()) return result;
+    const float* ids = image->getScanline().data();
+    if (image->isUniform()) {
+        IxScanlineUtil::copy(out, *context.getImage(imageId(ids[out.minimum()])).scanline, nullptr);
+        return result;
+    }
+    for (int x = out.minimum(); x < out.maximum(); ++x) out.data()[x] = context.getImage(imageId(ids[x])).scanline->data()[x];
+    return result;
+}
+
+}  // namespace
+
+// Part 4.6 step 2 of the wrap and Part 3.4: (image, float, float) and (image), both colour.
+void FunctionSample::declare(FunctionCallNode& node) {
+    kelDeclareOverload(node, 0, KelValueTypes::Color, {KelValueTypes::Image, KelValueTypes::Float, KelValueTypes::Float});
+    kelDeclareOverload(node, 1, KelValueTypes::Color, {KelValueTypes::Image});
+}
+
+RCShdPtr<KelValue> FunctionSample::eval(const FunctionCallNode& node, KelContext& context) {
+    return node.overload() == 0 ? sampleAtCoordinates(node, context) : sampleCurrentPixel(node, context);
+}
+
+}  // namespace Zt

@@ -1,0 +1,180 @@
+// Part 4.5: assignment, variables and literals. A variable is one long-lived writable value in
+// a slot of the KelContext, addressed by the id that `check` gave it; an assignment stores into
+// its scanline at the active columns only, which is how control flow reaches the pixels.
+#include "kelGraph.h"
+
+namespace Zt {
+
+namespace {
+
+int lookUp(const std::map<std::string, int>& table, const std::string& text) {
+    auto it = table.find(text);
+    return it == table.end() ? 0 : it->second;
+}
+
+// Part 4.3: a reader never inserts; `check` guarantees the number is present.
+template <class Fn>
+Fn assignOperation(const std::map<int, Fn>& table, int op) {
+    auto it = table.find(op);
+    if (it == table.end()) Assertions::throwAssertionFailed("tools/kel/src/kelGraphVariables", __LINE__, "operator in table");
+    return it->second;
+}
+
+const Zt::Color kOpaqueBlack{0.0f, 0.0f, 0.0f, 1.0f};
+
+}  // namespace
+
+// ---- AssignNode --------------------------------------------------------------------------------
+
+AssignNode::AssignNode(const std::string& name, const std::string& op, const KelNodePtr& value, int line, int checkConst)
+    : KelSyntaxTree(line),
+      _name(name),
+      _operator(op),
+      _op(lookUp(KelOperatorTables::assignOperators, op)),
+      _value(value),
+      _checkConst(checkConst) {}
+
+void AssignNode::print(std::ostream& out) const {
+    out << _name << " " << _operator << " ";
+    _value->print(out);
+}
+
+// Part 4.5: the value is computed over all pixels; only the store is masked.
+RCShdPtr<KelValue> AssignNode::eval(KelContext& context) const {
+    using T = KelOperatorTables;
+    KelValuePtr value = _value->eval(context);
+    KelValuePtr variable = context.getVariable(_id);
+    const IxScanline<float>* mask = context.getMask().activeScanline();
+    if (!variable->isType(Color)) {
+        // Float from float, or image from image: an image's scanline holds ids, copied per pixel.
+        assignOperation(T::floatAssignOperations, _op)(rcStaticCast<KelFloat>(variable)->getScanline(),
+                                                       rcStaticCast<KelFloat>(value)->getScanline(), mask, nullptr);
+    } else if (value->isType(Color)) {
+        assignOperation(T::colorAssignOperations, _op)(rcStaticCast<KelColor>(variable)->getScanline(),
+                                                       rcStaticCast<KelColor>(value)->getScanline(), mask, nullptr);
+    } else {
+        assignOperation(T::colorFloatAssignOperations, _op)(rcStaticCast<KelColor>(variable)->getScanline(),
+                                                            rcStaticCast<KelFloat>(value)->getScanline(), mask, nullptr);
+    }
+    variable->setUniform(false);
+    return variable;
+}
+
+// Part 4.5, steps 1 to 7. The name is looked up before the value is tested for void, and an
+// assignment is no use of the name (no addUsedName).
+RCShdPtr<KelValue> AssignNode::check(KelContext& context) {
+    KelValuePtr prototype = _value->check(context);
+    _id = context.getVariableId(_name);
+    if (_id == -1) context.raiseError("Undefined variable: " + _name, _line);
+    if (!prototype) context.raiseError("Cannot assign the value of type void", _line);
+    KelValuePtr variable = context.getVariable(_id);
+    if (variable->isConst() && _checkConst == 1) context.raiseError("Cannot assign a const variable: " + _name, _line);
+    switch (variable->getType()) {
+        case Float:
+            if (!prototype->isType(Float))
+                context.raiseError("Cannot assign a float with anything other than float", _line);
+            break;
+        case Image:
+            if (!prototype->isType(Image) || _op != 0)
+                context.raiseError("Cannot assign a image with anything other than image", _line);
+            break;
+        case Color:
+            if (prototype->isType(Image)) wrapInSample(_value, _line, context);
+            break;
+        default: break;
+    }
+    return variable;
+}
+
+// ---- InitVarNode -------------------------------------------------------------------------------
+
+InitVarNode::InitVarNode(const std::string& typeName, const std::string& name, bool writable, int line)
+    : KelSyntaxTree(line),
+      _typeName(typeName),
+      _type(lookUp(KelOperatorTables::typeNames, typeName)),
+      _name(name),
+      _writable(writable ? 1 : 0) {}
+
+// Part 4.1: "const " is printed for the writable declaration; kept on purpose.
+void InitVarNode::print(std::ostream& out) const {
+    if (_writable != 0) out << "const ";
+    out << _typeName << " " << _name;
+}
+
+// Part 4.5: a reset takes no mask, so a declaration in a branch or a body clears all pixels
+// each time it runs. The first run in a tile context finds the slot empty and makes the value.
+RCShdPtr<KelValue> InitVarNode::eval(KelContext& context) const {
+    KelValuePtr variable = context.getVariable(_id);
+    if (variable) {
+        if (variable->isType(Color)) IxScanlineUtil::set(rcStaticCast<KelColor>(variable)->getScanline(), kOpaqueBlack, nullptr);
+        else IxScanlineUtil::set(rcStaticCast<KelFloat>(variable)->getScanline(), 0.0f, nullptr);
+        return variable;
+    }
+    switch (_type) {
+        case Float: variable = context.newConstantFloat(0.0f, _writable); break;
+        case Image: variable = context.newImage(0.0f, _writable); break;
+        case Color: variable = context.newConstantColor(kOpaqueBlack, _writable); break;
+        default: break;
+    }
+    context.setVariable(_id, variable);
+    return variable;
+}
+
+// Part 4.5: the lookup runs through all open scopes, so no declaration shadows another.
+RCShdPtr<KelValue> InitVarNode::check(KelContext& context) {
+    if (context.getVariableId(_name) != -1) context.raiseError("Variable already defined: " + _name, _line);
+    _id = context.declareVariable(_name);
+    return eval(context);
+}
+
+// ---- InitVarAssignNode ---------------------------------------------------------------------------
+
+// The AssignNode inside is made with checkConst 0, so that a const receives its initial value.
+InitVarAssignNode::InitVarAssignNode(const std::string& typeName, const std::string& name, const KelNodePtr& value,
+                                     bool writable, int line)
+    : KelSyntaxTree(line), _init(typeName, name, writable, line), _assign(name, "=", value, line, 0) {}
+
+void InitVarAssignNode::print(std::ostream& out) const {
+    _init.print(out);
+    out << " with ";
+    _assign.print(out);
+}
+
+RCShdPtr<KelValue> InitVarAssignNode::eval(KelContext& context) const {
+    _init.eval(context);
+    return _assign.eval(context);
+}
+
+RCShdPtr<KelValue> InitVarAssignNode::check(KelContext& context) {
+    _init.check(context);
+    return _assign.check(context);
+}
+
+// ---- VariableNode ------------------------------------------------------------------------------
+
+VariableNode::VariableNode(const std::string& name, int line) : KelSyntaxTree(line), _name(name) {}
+
+void VariableNode::print(std::ostream& out) const { out << _name; }
+
+// The variable's own value, not a copy: a caller that needs the old content copies it.
+RCShdPtr<KelValue> VariableNode::eval(KelContext& context) const { return context.getVariable(_id); }
+
+RCShdPtr<KelValue> VariableNode::check(KelContext& context) {
+    _id = context.getVariableId(_name);
+    if (_id == -1) context.raiseError("Variable not defined: " + _name, _line);
+    context.addUsedName(_name);
+    return context.getVariable(_id);
+}
+
+// ---- FloatLiteralNode ----------------------------------------------------------------------------
+
+FloatLiteralNode::FloatLiteralNode(float value, int line) : KelSyntaxTree(line), _value(value) {}
+
+void FloatLiteralNode::print(std::ostream& out) const { out << _value; }
+
+// A new const, uniform temporary at each evaluation.
+RCShdPtr<KelValue> FloatLiteralNode::eval(KelContext& context) const { return context.newConstantFloat(_value, 0); }
+
+RCShdPtr<KelValue> FloatLiteralNode::check(KelContext& context) { return eval(context); }
+
+}  // namespace Zt
