@@ -86,6 +86,11 @@ inline std::string printed(const KelSyntaxTree& node) {
     return out.str();
 }
 
+template <class T>
+std::vector<T> rowOf(const IxScanline<T>& s) {
+    return std::vector<T>(s.begin(), s.begin() + s.getInterval().size());
+}
+
 // ---- Check ---------------------------------------------------------------------------------------
 
 // The check context of Part 1.1: the interval 0..1 and no slots.
