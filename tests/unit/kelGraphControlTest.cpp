@@ -94,11 +94,11 @@ TEST(KelGraphControlIf, ThenChangingTheConditionVariableDoesNotMoveElse) {
 }
 
 TEST(KelGraphControlIf, ThenSettingTheConditionThroughAnAssignmentDoesNotMoveElse) {
-    // if (g = x < 1) { g = 1 - g; } else { f = 7 }: the else sees the columns where g was 0.
-    FloatScript s(block({ifElse(assign("g", "=", binary("<", var("x"), num(1))), block({assign("g", "=", num(1))}),
+    // if (g = x < 1) { g = 0 } else { f = 7 }: the else sees the columns where g was 0 before.
+    FloatScript s(block({ifElse(assign("g", "=", binary("<", var("x"), num(1))), block({assign("g", "=", num(0))}),
                                 block({assign("f", "=", num(7))}))}),
                   3);
-    EXPECT_EQ(s.g(), (Row{1, 0, 0}));
+    EXPECT_EQ(s.g(), (Row{0, 0, 0}));
     EXPECT_EQ(s.f(), (Row{0, 7, 7}));
 }
 
