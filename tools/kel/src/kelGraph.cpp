@@ -4,6 +4,8 @@
 // kelGraphOperators.cpp (4.3, 4.4), variables and literals in kelGraphVariables.cpp (4.5).
 #include "kelGraph.h"
 
+#include <algorithm>
+
 #include "kelFunctions.h"
 
 namespace Zt {
@@ -76,7 +78,7 @@ RCShdPtr<KelValue> FunctionDeclarationNode::check(KelContext& context) {
 FunctionCallNode::FunctionCallNode(const std::string& name, int line) : KelSyntaxTree(line), _name(name) {}
 
 void FunctionCallNode::addOverloadParameter(int type, int overload, int mode) {
-    setReturnType(overload, std::size_t(overload) < _returnTypes.size() ? _returnTypes[std::size_t(overload)] : Void);
+    if (std::size_t(overload) >= _returnTypes.size()) setReturnType(overload, Void);
     _parameterTypes[std::size_t(overload)].push_back(type);
     _parameterModes[std::size_t(overload)].push_back(mode);
 }
