@@ -224,6 +224,12 @@ void KelContext::popScope() {
 
 void KelContext::setMask(const KelMask& saved) { _mask = saved; }
 
+KelMask& KelContext::pushSavedMask() {
+    if (_savedDepth == _savedMasks.size()) _savedMasks.push_back(std::make_unique<KelMask>(_mask));
+    else *_savedMasks[_savedDepth] = _mask;
+    return *_savedMasks[_savedDepth++];
+}
+
 void KelContext::raiseError(const std::string& message, int line) {
     char number[16];
     std::snprintf(number, sizeof number, "%d", line);

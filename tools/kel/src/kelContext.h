@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -193,6 +194,10 @@ public:
     std::size_t poolSize() const { return _values.size(); }
     KelIdSet& freeIds(int type);
 
+    // Saved masks of control flow, in strict nesting (see KelSavedMask).
+    KelMask& pushSavedMask();
+    void popSavedMask() { --_savedDepth; }
+
 private:
     template <class V, class... Fill>
     RCShdPtr<V> issue(KelIdSet& freeSet, int writable, const Fill&... fill);
@@ -209,6 +214,25 @@ private:
     KelMask _mask;
     bool _terminating = false;
     std::unordered_set<std::string> _usedNames;
+    // Not in the spec's field list: the reusable copies that KelSavedMask hands out.
+    std::vector<std::unique_ptr<KelMask>> _savedMasks;
+    std::size_t _savedDepth = 0;
+};
+
+// Part 2.3: control flow copies the mask on entry and restores it on exit. The spec makes a new
+// scanline for each copy; here the copies live in a stack of the context and are reused from
+// row to row, so that a row in the steady state allocates nothing. Same values, same nesting.
+class KelSavedMask {
+public:
+    explicit KelSavedMask(KelContext& context) : _context(context), _saved(context.pushSavedMask()) {}
+    ~KelSavedMask() { _context.popSavedMask(); }
+    KelSavedMask(const KelSavedMask&) = delete;
+    KelSavedMask& operator=(const KelSavedMask&) = delete;
+    const KelMask& mask() const { return _saved; }
+
+private:
+    KelContext& _context;
+    KelMask& _saved;
 };
 
 // Part 2.2: a script's semantic fault, raised from `check` through raiseError.

@@ -77,15 +77,15 @@ RCShdPtr<KelValue> IfNode::eval(KelContext& context) const {
         IxScanlineUtil::copy(before->getScanline(), condition->getScanline(), nullptr);
         condition = before;
     }
-    KelMask saved(context.getMask());
+    KelSavedMask saved(context);
     context.getMask().narrow(condition, 0);
     _then->eval(context);
     if (_else) {
-        context.setMask(saved);
+        context.setMask(saved.mask());
         context.getMask().narrow(condition, 1);
         _else->eval(context);
     }
-    context.setMask(saved);
+    context.setMask(saved.mask());
     return nullptr;
 }
 
@@ -110,14 +110,14 @@ void WhileNode::print(std::ostream& out) const {
 
 // Part 4.2: the narrowing accumulates over the passes; the loop ends when no pixel is active.
 RCShdPtr<KelValue> WhileNode::eval(KelContext& context) const {
-    KelMask saved(context.getMask());
+    KelSavedMask saved(context);
     for (;;) {
         context.getMask().narrow(evalCondition(_condition, context), 0);
         if (context.getMask().noneActive()) break;
         checkCancelled();
         _body->eval(context);
     }
-    context.setMask(saved);
+    context.setMask(saved.mask());
     return nullptr;
 }
 
@@ -149,7 +149,7 @@ void ForNode::print(std::ostream& out) const {
 // Part 4.2: `_init` runs under the unnarrowed mask, `_increment` under the narrowed one.
 RCShdPtr<KelValue> ForNode::eval(KelContext& context) const {
     if (_init) _init->eval(context);
-    KelMask saved(context.getMask());
+    KelSavedMask saved(context);
     for (;;) {
         context.getMask().narrow(evalCondition(_condition, context), 0);
         if (context.getMask().noneActive()) break;
@@ -157,7 +157,7 @@ RCShdPtr<KelValue> ForNode::eval(KelContext& context) const {
         _body->eval(context);
         if (_increment) _increment->eval(context);
     }
-    context.setMask(saved);
+    context.setMask(saved.mask());
     return nullptr;
 }
 
