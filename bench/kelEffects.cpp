@@ -1,0 +1,215 @@
+// End-to-end benchmark (issue 8): renders the reference effects E1-E7 of bench/effects over a
+// generated 2048x1556 RGBA float image, in memory, through the real host path (compile once,
+// `eval` per tile over the whole frame), on 1 thread and on all cores, and beside each a
+// hand-written C++ loop of the same effect built with the same flags: "the limit". Prints one
+// Markdown table row per effect with Mpix/s and the ratio of KEL's time to the loop's time.
+//
+// Usage: kelEffects EFFECTS_DIR [--tile WxH] [--repeat N] [--threads N]
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "PxMemoryImage.h"
+#include "kelFunctions.h"
+#include "kelInterpreter.h"
+#include "kelZttoolInit.h"
+
+using namespace Zt;
+
+namespace {
+
+constexpr int kWidth = 2048;
+constexpr int kHeight = 1556;
+
+std::vector<Color> makeSource() {
+    std::vector<Color> pixels(std::size_t(kWidth) * kHeight);
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x)
+            pixels[std::size_t(y) * kWidth + x] = Color(0.5f + 0.5f * std::sin(x * 0.01f), float(y) / kHeight,
+                                                        0.5f + 0.5f * std::cos((x + y) * 0.003f), 1.0f);
+    return pixels;
+}
+
+// Runs `work(tileIndex)` over `tiles` tiles on `threads` threads.
+void parallelTiles(int tiles, int threads, const std::function<void(int)>& work) {
+    std::atomic<int> next{0};
+    auto worker = [&] {
+        for (int t; (t = next.fetch_add(1)) < tiles;) work(t);
+    };
+    std::vector<std::thread> pool;
+    for (int i = 1; i < threads; ++i) pool.emplace_back(worker);
+    worker();
+    for (auto& th : pool) th.join();
+}
+
+double bestSeconds(int repeat, const std::function<void()>& run) {
+    double best = 1e30;
+    for (int i = 0; i < repeat; ++i) {
+        auto t0 = std::chrono::steady_clock::now();
+        run();
+        best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+    }
+    return best;
+}
+
+// ---- Hand-written references: one pixel at (x, y) of rows [y0, y1) -----------------------------
+
+struct Frame {
+    const std::vector<Color>& src;
+    std::vector<Color>& out;
+    const Color& at(int x, int y) const { return src[std::size_t(y) * kWidth + x]; }
+};
+
+Color bilinear(const Frame& f, float fx, float fy) {
+    // Pixel centres at integer + 0.5 in nominal space; outside reads transparent black.
+    float u = fx - 0.5f, v = fy - 0.5f;
+    int x0 = int(std::floor(u)), y0 = int(std::floor(v));
+    float ax = u - x0, ay = v - y0;
+    auto px = [&](int x, int y) { return (x < 0 || y < 0 || x >= kWidth || y >= kHeight) ? Color::ZERO : f.at(x, y); };
+    Color top = px(x0, y0) * (1 - ax) + px(x0 + 1, y0) * ax;
+    Color bottom = px(x0, y0 + 1) * (1 - ax) + px(x0 + 1, y0 + 1) * ax;
+    return top * (1 - ay) + bottom * ay;
+}
+
+using Reference = void (*)(const Frame&, int y0, int y1);
+
+void refGain(const Frame& f, int y0, int y1) {
+    for (int y = y0; y < y1; ++y)
+        for (int x = 0; x < kWidth; ++x) f.out[std::size_t(y) * kWidth + x] = f.at(x, y) * 1.5f;
+}
+void refGrade(const Frame& f, int y0, int y1) {
+    const Color m(1.1f, 0.9f, 0.8f, 1.0f), o(0.05f, 0.02f, 0.0f, 0.0f);
+    for (int y = y0; y < y1; ++y)
+        for (int x = 0; x < kWidth; ++x) f.out[std::size_t(y) * kWidth + x] = f.at(x, y) * m + o;
+}
+void refMath(const Frame& f, int y0, int y1) {
+    for (int y = y0; y < y1; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            float fx = float(x), fy = float(y);
+            f.out[std::size_t(y) * kWidth + x] =
+                Color(std::sin(fx * 0.01f) * std::cos(fy * 0.013f), std::sqrt(std::fabs(std::sin(fx * 0.002f + fy * 0.003f))),
+                      std::atan2(fy - 700.0f, fx - 1000.0f) / 6.2832f + 0.5f, 1.0f);
+        }
+}
+void refNoise(const Frame& f, int y0, int y1) {
+    for (int y = y0; y < y1; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            float n = KelNoise::noise(float(x) * 0.01f, float(y) * 0.01f, 0.5f);
+            f.out[std::size_t(y) * kWidth + x] = Color(n, n, n, 1.0f);
+        }
+}
+void refKey(const Frame& f, int y0, int y1) {
+    for (int y = y0; y < y1; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            const Color& s = f.at(x, y);
+            f.out[std::size_t(y) * kWidth + x] = s.r > 0.5f ? s : s * 0.25f;
+        }
+}
+void refLoop(const Frame& f, int y0, int y1) {
+    for (int y = y0; y < y1; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            float cr = (float(x) - 1400) / 600, ci = (float(y) - 778) / 600, zr = 0, zi = 0, i = 0;
+            while (zr * zr + zi * zi < 4 && i < 32) {
+                float t2 = zr * zr - zi * zi + cr;
+                zi = 2 * zr * zi + ci;
+                zr = t2;
+                i = i + 1;
+            }
+            f.out[std::size_t(y) * kWidth + x] = Color(i / 32, i / 32, i / 32, 1);
+        }
+}
+void refWarp(const Frame& f, int y0, int y1) {
+    for (int y = y0; y < y1; ++y)
+        for (int x = 0; x < kWidth; ++x)
+            f.out[std::size_t(y) * kWidth + x] = bilinear(f, float(x) + 10 * std::sin(float(y) * 0.05f), float(y));
+}
+
+struct Effect {
+    const char* file;
+    const char* name;
+    Reference reference;
+};
+const Effect kEffects[] = {
+    {"E1_gain.kel", "E1 gain", refGain},   {"E2_grade.kel", "E2 grade", refGrade}, {"E3_math.kel", "E3 math", refMath},
+    {"E4_noise.kel", "E4 noise", refNoise}, {"E5_key.kel", "E5 key", refKey},       {"E6_loop.kel", "E6 loop", refLoop},
+    {"E7_warp.kel", "E7 warp", refWarp},
+};
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: kelEffects EFFECTS_DIR [--tile WxH] [--repeat N] [--threads N]\n");
+        return 2;
+    }
+    std::string dir = argv[1];
+    int tileW = kWidth, tileH = 32, repeat = 3, threads = int(std::max(1u, std::thread::hardware_concurrency()));
+    for (int i = 2; i + 1 < argc; i += 2) {
+        if (!std::strcmp(argv[i], "--tile")) std::sscanf(argv[i + 1], "%dx%d", &tileW, &tileH);
+        else if (!std::strcmp(argv[i], "--repeat")) repeat = std::atoi(argv[i + 1]);
+        else if (!std::strcmp(argv[i], "--threads")) threads = std::atoi(argv[i + 1]);
+    }
+    PiAppThread::setCurrent();
+    kelBuildStaticTables();
+
+    const std::vector<Color> source = makeSource();
+    std::vector<Color> out(source.size());
+    PxNodePtr<const PxImageProtocol> src(new PxMemoryImage(kWidth, kHeight, source));
+    const KelInterpreter interpreter;
+    const Vector<PebParameterInfo> params{{"src", PebInterpreterTypes::Image, false, false},
+                                          {"out", PebInterpreterTypes::Color, true, true}};
+    const PxRODResult rod{PxValidityInterval::getFull(), GeRectangle<float>(0, kWidth, 0, kHeight)};
+    const int tilesX = (kWidth + tileW - 1) / tileW, tilesY = (kHeight + tileH - 1) / tileH;
+    const double mpix = double(kWidth) * kHeight / 1e6;
+    const int bands = (kHeight + 31) / 32;
+
+    std::printf("| effect | threads | KEL Mpix/s | C++ Mpix/s | KEL / C++ time |\n|---|---|---|---|---|\n");
+    for (const Effect& e : kEffects) {
+        RCShdPtr<PebRunInfo> runInfo = interpreter.createRunInfo(params);
+        Vector<PebError> errors;
+        if (!interpreter.parse(readFile(dir + "/" + e.file), runInfo, &errors)) {
+            std::fprintf(stderr, "%s: %s\n", e.file, errors.empty() ? "parse failed" : errors[0].getMessage().c_str());
+            return 1;
+        }
+        for (int n : {1, threads}) {
+            double kel = bestSeconds(repeat, [&] {
+                parallelTiles(tilesX * tilesY, n, [&](int t) {
+                    PxImageContext context;
+                    context.tileWidth = tileW;
+                    context.tileHeight = tileH;
+                    context.tileX = t % tilesX;
+                    context.tileY = t / tilesX;
+                    PxImageResult r = interpreter.eval(runInfo, {src}, {}, rod, IxPixelFormat{1, 1}, context);
+                    const GeRectangle<int>& rect = r.getTile()->getRect();
+                    for (int y = rect.yMin; y < rect.yMax; ++y)
+                        std::memcpy(&out[std::size_t(y) * kWidth + rect.xMin], r.getTile()->row(y),
+                                    sizeof(Color) * std::size_t(rect.width()));
+                });
+            });
+            Frame frame{source, out};
+            double ref = bestSeconds(repeat, [&] {
+                parallelTiles(bands, n, [&](int b) { e.reference(frame, b * 32, std::min(kHeight, (b + 1) * 32)); });
+            });
+            std::printf("| %s | %d | %.1f | %.1f | %.2f |\n", e.name, n, mpix / kel, mpix / ref, kel / ref);
+            std::fflush(stdout);
+            if (n == threads) break;
+        }
+    }
+    return 0;
+}
