@@ -1,5 +1,6 @@
-// Rows of a tile to and from a colour scanline (Part 1.2 steps 22d and 22f). Columns of the
-// scanline outside the tile are left as they are on read and not written on write.
+// Rows of a tile to and from a colour scanline (Part 1.2 steps 22d and 22f). On read, the
+// columns of the scanline outside the tile (or a row outside it) get the tile's fill colour, as
+// pixels outside an input's rectangle do (host.md); on write, they are not written.
 #include <algorithm>
 
 #include "PxImage.h"
@@ -11,14 +12,13 @@ void IxScanline<Color>::readFrom(const IxReadGuard& guard, int y) {
     const IxTile& tile = guard.tile();
     const GeRectangle<int>& r = tile.getRect();
     Color* d = data();
-    int lo = std::max(minimum(), r.xMin), hi = std::min(maximum(), r.xMax);
-    bool rowInside = y >= r.yMin && y < r.yMax;
-    // Outside the tile: the input's fill colour (host.md).
-    for (int x = minimum(); x < maximum(); ++x)
-        if (!rowInside || x < lo || x >= hi) d[x] = tile.getFillColor();
-    if (!rowInside) return;
-    const Color* s = tile.row(y) - r.xMin;
-    for (int x = lo; x < hi; ++x) d[x] = s[x];
+    const bool rowInside = y >= r.yMin && y < r.yMax;
+    const int lo = rowInside ? std::clamp(r.xMin, minimum(), maximum()) : maximum();
+    const int hi = rowInside ? std::clamp(r.xMax, lo, maximum()) : maximum();
+    const Color fill = tile.getFillColor();
+    std::fill(d + minimum(), d + lo, fill);
+    if (lo < hi) std::copy(tile.row(y) + (lo - r.xMin), tile.row(y) + (hi - r.xMin), d + lo);
+    std::fill(d + hi, d + maximum(), fill);
 }
 
 template <>
@@ -26,10 +26,8 @@ void IxScanline<Color>::writeTo(const IxWriteGuard& guard, int y) const {
     IxTile& tile = guard.tile();
     const GeRectangle<int>& r = tile.getRect();
     if (y < r.yMin || y >= r.yMax) return;
-    const Color* s = data();
-    Color* d = tile.row(y) - r.xMin;
-    int lo = std::max(minimum(), r.xMin), hi = std::min(maximum(), r.xMax);
-    for (int x = lo; x < hi; ++x) d[x] = s[x];
+    const int lo = std::max(minimum(), r.xMin), hi = std::min(maximum(), r.xMax);
+    if (lo < hi) std::copy(data() + lo, data() + hi, tile.row(y) + (lo - r.xMin));
 }
 
 }  // namespace Zt

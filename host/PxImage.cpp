@@ -1,6 +1,7 @@
 // The image side of the host: validity, tiles, results, geometry conversions, request manager.
 #include "PxImage.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 
@@ -32,27 +33,50 @@ GeRectangle<int> PxImageProtocol::convertTilesToPixels(const GeRectangle<int>& t
             tiles.yMax * context.tileHeight};
 }
 
+namespace {
+
+// Outward rounding that forgives the float round trip: W * a / a may come back a hair above W,
+// and must not grow the rectangle by a pixel. Within a relative 1e-6 an integer is taken as is.
+// Clamped so that the conversion to int is defined for any input, NaN giving 0.
+int roundOutward(double v, bool up) {
+    constexpr double kLimit = 1073741824.0;  // 2^30
+    if (std::isnan(v)) return 0;
+    v = std::min(std::max(v, -kLimit), kLimit);
+    const double nearest = std::round(v);
+    if (std::abs(v - nearest) <= 1e-6 * std::max(1.0, std::abs(v))) return int(nearest);
+    return int(up ? std::ceil(v) : std::floor(v));
+}
+
+}  // namespace
+
 GeRectangle<int> PxImageProtocol::nominalToPixelized(const GeRectangle<float>& nominal, float aspect, float scale) {
     // host.md: nominal x = px / scale * aspect, y = py / scale; inverted rounding outward.
-    auto toPx = [&](float x) { return double(x) * double(scale) / double(aspect); };
-    auto toPy = [&](float y) { return double(y) * double(scale); };
-    return {int(std::floor(toPx(nominal.xMin))), int(std::ceil(toPx(nominal.xMax))), int(std::floor(toPy(nominal.yMin))),
-            int(std::ceil(toPy(nominal.yMax)))};
+    const double sx = double(scale) / double(aspect), sy = double(scale);
+    return {roundOutward(nominal.xMin * sx, false), roundOutward(nominal.xMax * sx, true),
+            roundOutward(nominal.yMin * sy, false), roundOutward(nominal.yMax * sy, true)};
 }
 
 namespace {
 std::atomic<bool> gCancelled{false};
-}
+std::atomic<bool> gBudgeted{false};
+std::atomic<long long> gBudget{0};
+}  // namespace
 
 PxRequestMgr& PxRequestMgr::getInstance() {
     static PxRequestMgr instance;
     return instance;
 }
 void PxRequestMgr::checkRequest() {
-    if (gCancelled.load(std::memory_order_relaxed)) throw ExCancelled("host/PxImage", 0, "Render cancelled");
+    if (gCancelled.load(std::memory_order_relaxed)) throw ExCancelled("host/PxImage", __LINE__, "Render cancelled");
+    if (gBudgeted.load(std::memory_order_relaxed) && gBudget.fetch_sub(1, std::memory_order_relaxed) <= 0)
+        throw ExCancelled("host/PxImage", __LINE__, "Render cancelled: check budget spent");
 }
 void PxRequestMgr::cancel() { gCancelled.store(true); }
 void PxRequestMgr::reset() { gCancelled.store(false); }
 bool PxRequestMgr::isCancelled() const { return gCancelled.load(); }
+void PxRequestMgr::setCheckBudget(long long checks) {
+    gBudget.store(checks);
+    gBudgeted.store(checks >= 0);
+}
 
 }  // namespace Zt

@@ -122,7 +122,8 @@ public:
 
     // Tile (i, j) covers pixels (i*W, (i+1)*W, j*H, (j+1)*H) for the context's tile size W x H.
     static GeRectangle<int> convertTilesToPixels(const GeRectangle<int>& tiles, const PxImageContext& context);
-    // Nominal to pixels: px = x * scale / aspect, py = y * scale; rounded outward (host.md).
+    // Nominal to pixels: px = x * scale / aspect, py = y * scale; rounded outward (host.md),
+    // except that a bound within a relative 1e-6 of an integer is that integer.
     static GeRectangle<int> nominalToPixelized(const GeRectangle<float>& nominal, float aspect, float scale);
 };
 
@@ -139,12 +140,15 @@ public:
     void cancel();
     void reset();
     bool isCancelled() const;
+    // Host side: the next `checks` calls of checkRequest pass and every later one throws, as a
+    // time limit would (bounded runs: fuzzing, tests); a negative number lifts the budget.
+    void setCheckBudget(long long checks);
 };
 
 struct SdTextureParams {
     GeAffineMatrix2<float> textureMatrix;  // nominal position -> unit square
-    int filterMode = 0;  // 1: bilinear
-    int wrapModeS = 0;   // 0: outside reads the fill colour
+    int filterMode = 0;  // 1: bilinear; any other: nearest
+    int wrapModeS = 0;   // 0: outside reads the fill colour; 1: clamps to the edge
     int wrapModeT = 0;
 };
 

@@ -1,9 +1,154 @@
-// TEMPORARY: PxImageTexture (foundation work replaces this with the bilinear sampler).
+// PxImageTexture and its sampler: reads an image node at any nominal position (Part 5.3
+// `sample(i, x, y)`, configured by Part 1.2 step 16c).
+//
+// Mapping. A position goes through the texture matrix to the unit square (u, v), which spans the
+// node's nominal rectangle (w, h its width and height, 1 where 0, as in step 16c). The matrix
+// adds half a full-resolution square pixel, so that at scale 1 and aspect 1 the unit square is
+// the usual texture space, pixel i's centre at (i + 0.5) / W. We read it back as the texel
+// coordinate tx = (xMin + u * w - 0.5) * scale / aspect, ty = (yMin + v * h - 0.5) * scale, in
+// which pixel i of the image at the context's scale is sampled exactly at i: a script that
+// samples at its own `x` and `y` reads the current pixel at every scale and aspect (host.md),
+// not only at scale 1 and aspect 1.
+//
+// Filtering (filterMode 1): bilinear between the four pixels around (tx, ty). A pixel outside
+// the image's pixel rectangle reads the fill colour, transparent black (wrap mode 0), so edges
+// blend to transparent black; wrap mode 1 clamps to the edge pixel instead. Any other filter
+// mode reads the nearest pixel. The derivatives are ignored: no prefiltering.
+//
+// Pixels come from the node's getImage, in tiles of kTileSize at the context's scale, fetched
+// the first time a sample touches them and kept for the sampler's life (one tile evaluation).
+// A sampler is therefore used by one thread, as everything that a tile evaluation makes.
+// linkSampler does nothing: samplers share no state.
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
 #include "PxImage.h"
+
 namespace Zt {
+
+namespace {
+
+constexpr int kTileSize = 64;
+
+int floorDiv(int a, int b) { return a >= 0 ? a / b : -((-a + b - 1) / b); }
+
+class PxTileSampler : public SdTextureSampler {
+public:
+    PxTileSampler(const PxNodePtr<const PxImageProtocol>& node, const PxTimeScaleContext& timeScale,
+                  const SdTextureParams& params)
+        : _node(node), _params(params) {
+        static_cast<PxTimeScaleContext&>(_tileContext) = timeScale;
+        _tileContext.tileWidth = kTileSize;
+        _tileContext.tileHeight = kTileSize;
+        const float scale = 1.0f / float(1 << timeScale.scaleLevel);
+        const PxImageFormat format = node->getFormat();
+        const float aspect = format.aspect();
+        const GeRectangle<float> nominal = node->getROD(_tileContext).rect;
+        _pixels = PxImageProtocol::nominalToPixelized(nominal, aspect, scale);
+        if (_pixels.isEmpty()) _pixels = GeRectangle<int>();
+
+        // Unit square to texel coordinates, then composed with the texture matrix.
+        double w = double(nominal.xMax) - double(nominal.xMin);
+        double h = double(nominal.yMax) - double(nominal.yMin);
+        if (w == 0.0) w = 1.0;
+        if (h == 0.0) h = 1.0;
+        const double sx = double(scale) / double(aspect), sy = double(scale);
+        const double ux = w * sx, ox = (double(nominal.xMin) - 0.5) * sx;
+        const double vy = h * sy, oy = (double(nominal.yMin) - 0.5) * sy;
+        const auto& m = params.textureMatrix.m;
+        for (int i = 0; i < 3; ++i) {
+            _toTexelX[i] = double(m[i][0]) * ux;
+            _toTexelY[i] = double(m[i][1]) * vy;
+        }
+        _toTexelX[2] += ox;
+        _toTexelY[2] += oy;
+
+        if (!_pixels.isEmpty()) {
+            _tileX0 = floorDiv(_pixels.xMin, kTileSize);
+            _tileY0 = floorDiv(_pixels.yMin, kTileSize);
+            _tilesX = floorDiv(_pixels.xMax - 1, kTileSize) - _tileX0 + 1;
+            _tilesY = floorDiv(_pixels.yMax - 1, kTileSize) - _tileY0 + 1;
+            _tiles.resize(std::size_t(_tilesX) * std::size_t(_tilesY));
+        }
+    }
+
+    void sampleAt(Color& result, const double coords[2], const GeLinearMatrix2<double>&) const override {
+        const double tx = coords[0] * _toTexelX[0] + coords[1] * _toTexelX[1] + _toTexelX[2];
+        const double ty = coords[0] * _toTexelY[0] + coords[1] * _toTexelY[1] + _toTexelY[2];
+        if (!reachesImage(tx, _pixels.xMin, _pixels.xMax, _params.wrapModeS) ||
+            !reachesImage(ty, _pixels.yMin, _pixels.yMax, _params.wrapModeT)) {
+            result = Color::ZERO;
+            return;
+        }
+        const double cx = clampTexel(tx, _pixels.xMin, _pixels.xMax), cy = clampTexel(ty, _pixels.yMin, _pixels.yMax);
+        if (_params.filterMode != 1) {
+            result = texel(int(std::floor(cx + 0.5)), int(std::floor(cy + 0.5)));
+            return;
+        }
+        const double fx0 = std::floor(cx), fy0 = std::floor(cy);
+        const int x0 = int(fx0), y0 = int(fy0);
+        const float fx = float(cx - fx0), fy = float(cy - fy0);
+        // Taps of weight zero are skipped, so that a sample on a pixel centre is that pixel
+        // exactly even beside an infinite or NaN neighbour.
+        Color acc = texel(x0, y0) * ((1.0f - fx) * (1.0f - fy));
+        if (fx != 0.0f) acc = acc + texel(x0 + 1, y0) * (fx * (1.0f - fy));
+        if (fy != 0.0f) acc = acc + texel(x0, y0 + 1) * ((1.0f - fx) * fy);
+        if (fx != 0.0f && fy != 0.0f) acc = acc + texel(x0 + 1, y0 + 1) * (fx * fy);
+        result = acc;
+    }
+
+private:
+    // False when no tap of a bilinear read at t lies in [lo, hi) (with wrap mode 0), NaN included.
+    static bool reachesImage(double t, int lo, int hi, int wrapMode) {
+        if (hi <= lo) return false;
+        if (wrapMode == 1) return !std::isnan(t);
+        return t > double(lo) - 1.0 && t < double(hi);
+    }
+    // Keeps the conversion to int defined; inside (lo - 1, hi) nothing changes.
+    static double clampTexel(double t, int lo, int hi) { return std::min(std::max(t, double(lo) - 2.0), double(hi) + 1.0); }
+
+    Color texel(int x, int y) const {
+        if (_params.wrapModeS == 1) x = std::min(std::max(x, _pixels.xMin), _pixels.xMax - 1);
+        if (_params.wrapModeT == 1) y = std::min(std::max(y, _pixels.yMin), _pixels.yMax - 1);
+        if (x < _pixels.xMin || x >= _pixels.xMax || y < _pixels.yMin || y >= _pixels.yMax) return Color::ZERO;
+        const IxTile& tile = tileAt(floorDiv(x, kTileSize), floorDiv(y, kTileSize));
+        const GeRectangle<int>& r = tile.getRect();
+        // A node that gives less than the requested tile: the missing pixels are fill.
+        if (x < r.xMin || x >= r.xMax || y < r.yMin || y >= r.yMax) return tile.getFillColor();
+        return tile.row(y)[x - r.xMin];
+    }
+
+    const IxTile& tileAt(int i, int j) const {
+        RCShdPtr<IxTile>& slot = _tiles[std::size_t(j - _tileY0) * std::size_t(_tilesX) + std::size_t(i - _tileX0)];
+        if (!slot) {
+            PxImageContext context = _tileContext;
+            context.tileX = i;
+            context.tileY = j;
+            slot = _node->getImage(context).getTile();
+            if (!slot) slot = RCShdPtr<IxTile>(new IxTile(IxPixelFormat{}, GeRectangle<int>(), Color::ZERO));
+        }
+        return *slot;
+    }
+
+    PxNodePtr<const PxImageProtocol> _node;
+    SdTextureParams _params;
+    PxImageContext _tileContext;
+    GeRectangle<int> _pixels;  // the image at the context's scale
+    double _toTexelX[3] = {1, 0, 0};  // tx = x * [0] + y * [1] + [2]
+    double _toTexelY[3] = {0, 1, 0};
+    int _tileX0 = 0, _tileY0 = 0, _tilesX = 0, _tilesY = 0;
+    mutable std::vector<RCShdPtr<IxTile>> _tiles;
+};
+
+}  // namespace
+
 PxImageTexture::PxImageTexture(const PxNodePtr<const PxImageProtocol>& node, const PxTimeScaleContext& context,
-                               const SdTextureParams& params) : _node(node), _context(context), _params(params) {}
+                               const SdTextureParams& params)
+    : _node(node), _context(context), _params(params) {}
+
 RCStrongPtr<const SdTextureSampler> PxImageTexture::createSampler() const {
-    Assertions::throwProgramAborted(__FILE__, __LINE__, "not implemented");
+    return RCStrongPtr<const SdTextureSampler>(new PxTileSampler(_node, _context, _params));
 }
+
 }  // namespace Zt

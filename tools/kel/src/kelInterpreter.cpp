@@ -101,7 +101,6 @@ PxImageResult KelInterpreter::eval(const RCShdPtr<PebRunInfo>& runInfo, const Ve
     // Steps 15 and 16: parameters and images.
     std::string outputName;
     std::size_t floatIndex = 0, imageIndex = 0;
-    std::vector<std::size_t> imageRows;  // image table rows that read a current row
     for (const PebParameterInfo& p : run.getParams()) {
         if (p.isOutput()) {
             if (p.isVarying()) outputName = p.getName();

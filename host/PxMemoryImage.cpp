@@ -1,0 +1,82 @@
+// The in-memory image node; geometry and downsampling are told in PxMemoryImage.h.
+#include "PxMemoryImage.h"
+
+#include <algorithm>
+#include <string>
+
+namespace Zt {
+
+namespace {
+
+void checkLevel(int scaleLevel) {
+    // 1 << 30 is the last shift that stays an int.
+    if (scaleLevel < 0 || scaleLevel > 30)
+        Assertions::throwAssertionFailed("host/PxMemoryImage", __LINE__, "scaleLevel >= 0 && scaleLevel <= 30");
+}
+
+}  // namespace
+
+PxMemoryImage::PxMemoryImage(int width, int height, std::vector<Color> pixels, const IxPixelFormat& format,
+                             const PxValidityInterval& validity)
+    : _width(std::max(width, 0)), _height(std::max(height, 0)), _pixels(std::move(pixels)), _format(format),
+      _validity(validity) {
+    if (_pixels.size() != std::size_t(_width) * std::size_t(_height))
+        Assertions::throwAssertionFailed("host/PxMemoryImage", __LINE__, "pixels.size() == width * height");
+}
+
+PxImageFormat PxMemoryImage::getFormat() const {
+    PxImageFormat f;
+    f.aspectNum = _format.aspectNum;
+    f.aspectDen = _format.aspectDen;
+    return f;
+}
+
+PxRODResult PxMemoryImage::getROD(const PxImageContext&) const {
+    return {_validity, GeRectangle<float>(0.0f, float(_width) * _format.aspect(), 0.0f, float(_height))};
+}
+
+GeRectangle<int> PxMemoryImage::pixelRect(int scaleLevel) const {
+    checkLevel(scaleLevel);
+    const int f = 1 << scaleLevel;
+    // ceil(W / f) without the float round trip of nominalToPixelized; the two agree (tested).
+    return {0, (_width + f - 1) / f, 0, (_height + f - 1) / f};
+}
+
+Color PxMemoryImage::pixelAt(int x, int y, int scaleLevel) const {
+    const GeRectangle<int> r = pixelRect(scaleLevel);
+    if (x < r.xMin || x >= r.xMax || y < r.yMin || y >= r.yMax) return Color::ZERO;
+    if (scaleLevel == 0) return pixel(x, y);
+    const int f = 1 << scaleLevel;
+    const int fx0 = x * f, fx1 = std::min(fx0 + f, _width);
+    const int fy0 = y * f, fy1 = std::min(fy0 + f, _height);
+    double sum[4] = {0, 0, 0, 0};
+    for (int fy = fy0; fy < fy1; ++fy) {
+        const Color* row = &_pixels[std::size_t(fy) * std::size_t(_width)];
+        for (int fx = fx0; fx < fx1; ++fx)
+            for (int c = 0; c < 4; ++c) sum[c] += row[fx][c];
+    }
+    // The uncovered part of the footprint is the fill colour, transparent black: it adds nothing.
+    const double n = double(f) * double(f);
+    return Color(float(sum[0] / n), float(sum[1] / n), float(sum[2] / n), float(sum[3] / n));
+}
+
+PxImageResult PxMemoryImage::getImage(const PxImageContext& context) const {
+    checkLevel(context.scaleLevel);
+    const GeRectangle<int> rect = convertTilesToPixels(
+        GeRectangle<int>(context.tileX, context.tileX + 1, context.tileY, context.tileY + 1), context);
+    RCShdPtr<IxTile> tile(new IxTile(_format, rect, Color::ZERO));
+    const GeRectangle<int> image = pixelRect(context.scaleLevel);
+    const int x0 = std::max(rect.xMin, image.xMin), x1 = std::min(rect.xMax, image.xMax);
+    const int y0 = std::max(rect.yMin, image.yMin), y1 = std::min(rect.yMax, image.yMax);
+    for (int y = y0; x0 < x1 && y < y1; ++y) {
+        Color* out = tile->row(y) - rect.xMin;
+        if (context.scaleLevel == 0) {
+            std::copy(&pixel(x0, y), &pixel(x0, y) + (x1 - x0), out + x0);
+        } else {
+            for (int x = x0; x < x1; ++x) out[x] = pixelAt(x, y, context.scaleLevel);
+        }
+    }
+    return PxImageResult(tile, _validity);
+}
+
+}  // namespace Zt
