@@ -1,0 +1,134 @@
+// Part 3.3: the parser driver `parseScript` and the tree builder `KelParserProtocol`, beside the
+// scanner (kel.l, Part 3.1) and the grammar (kel.y, Part 3.2).
+//
+// The grammar's actions call the protocol's operations, each of which works on a stack of nodes
+// like an opcode of a stack machine; when the parse ends the finished tree stands alone on the
+// stack. The protocol knows one table, the built-in functions (Part 3.4); everything else about
+// meaning waits for `check` (Part 4.1).
+#pragma once
+
+#include <deque>
+#include <istream>
+#include <stack>
+#include <string>
+#include <vector>
+
+#include "Peb.h"
+#include "kelGraph.h"
+
+namespace Zt {
+
+class KelParserProtocol : public KelValueTypes {
+public:
+    // Leaves the stack empty; `errors` is the caller's list, appended to and never cleared.
+    explicit KelParserProtocol(Vector<PebError>* errors);
+    // Releases every node still on the stack, top first.
+    virtual ~KelParserProtocol();
+    KelParserProtocol(const KelParserProtocol&) = delete;
+    KelParserProtocol& operator=(const KelParserProtocol&) = delete;
+
+    // The builders, in the order of the spec's table. Each returns true to go on, false to end
+    // the parse; only `functionCall` of an unknown name and `addError` return false.
+
+    // Pops value, pushes AssignNode(name, op, value, line, 1).
+    virtual bool assign(const std::string& name, const std::string& op, int line);
+    // Pops right, pops left, pushes BinaryOpNode(op, left, right, line).
+    virtual bool binaryOp(const std::string& op, int line);
+    // Pops a StatementBlockNode and makes it the `else` of the IfNode now on top; `line` unused.
+    virtual bool setElse(int line);
+    // Adds the error text + " : " + detail through the next operation; returns false.
+    virtual bool addError(const std::string& text, const std::string& detail, int line);
+    // Appends PebError(message, line) to the caller's list; returns false, always.
+    virtual bool addError(const std::string& message, int line);
+    // Pops body (a StatementBlockNode), the third clause if bit 4 of `parts`, the condition, the
+    // first clause if bit 1; pushes ForNode(first, condition, third, body, line).
+    virtual bool forLoop(int parts, int line);
+    // Pushes the built-in's call node; for an unknown name reports "Function undefined : "
+    // + name + " at line " + line and returns false.
+    virtual bool functionCall(const std::string& name, int line);
+    // Pops argument, adds it to the FunctionCallNode now on top.
+    virtual bool addArgument();
+    // Pops the body block, then every ParameterNode beneath it (last declared first); pushes
+    // FunctionDeclarationNode(name, body, line) holding them in that order.
+    virtual bool functionDeclaration(const std::string& name, int line);
+    // Pops then-block, replaces the condition on top by IfNode(condition, block, line).
+    virtual bool ifStatement(int line);
+    // Pushes InitVarNode(type, name, writable, line).
+    virtual bool variableDeclaration(const std::string& type, const std::string& name, bool writable, int line);
+    // Pops value, pushes InitVarAssignNode(type, name, value, writable, line).
+    virtual bool variableInitialisation(const std::string& type, const std::string& name, bool writable, int line);
+    // Pushes FloatLiteralNode(value of `text`, line); FLT_MAX, FLT_MIN, FLT_EPSILON by name.
+    virtual bool floatLiteral(const std::string& text, int line);
+    // Pushes ParameterNode(name, type, isOutput, line).
+    virtual bool parameter(const std::string& name, const std::string& type, bool isOutput, int line);
+    // Pops statement; pushes a new block first when the stack is then empty (the script's own
+    // block); adds the statement to the StatementBlockNode on top.
+    virtual bool addStatement(int line);
+    // Pops top, pushes StatementBlockNode(line) holding it.
+    virtual bool wrapStatement(int line);
+    // Pushes an empty StatementBlockNode(line).
+    virtual bool startBlock(int line);
+    // Pops operand, pushes UnaryOpNode(op, operand, line).
+    virtual bool unaryOp(const std::string& op, int line);
+    // Pushes VariableNode(name, line).
+    virtual bool variable(const std::string& name, int line);
+    // Pops body block, replaces the condition on top by WhileNode(condition, block, line).
+    virtual bool whileLoop(int line);
+
+    // The top of the stack, not popped; a new empty StatementBlockNode(1) when the stack is
+    // empty (not pushed).
+    RCShdPtr<KelSyntaxTree> root();
+
+    // For tests: how many nodes are on the stack.
+    std::size_t depth() const { return _stack.size(); }
+
+private:
+    RCShdPtr<KelSyntaxTree> pop();
+
+    std::stack<RCShdPtr<KelSyntaxTree>, std::deque<RCShdPtr<KelSyntaxTree>>> _stack;
+    Vector<PebError>* _errors;
+};
+
+// Part 3.3: the one entry into the front end. Asserts the application thread, points the
+// scanner at `input` (saving the scanner's state and restoring it afterwards, also when the
+// parse fails), runs the parser with `protocol`, and returns true when the script parsed. The
+// errors are in the protocol's list.
+bool parseScript(KelParserProtocol& protocol, std::istream& input);
+
+// Part 3.3, the parser's error function: "memory exhausted" and "parser stack overflow" become
+// "Error: Script too long" at line 0; any other text (bison's "syntax error") is ignored, since
+// the grammar's error rules give the words.
+void kelParserError(KelParserProtocol& protocol, const std::string& text);
+
+// Part 3.2, the report action's text: "Syntax Error: %s at line %d".
+std::string kelSyntaxMessage(const char* text, int line);
+
+// ---- The scanner's side (kel.l) --------------------------------------------------------------
+
+// Thrown by the scanner when the input ends inside a block comment (the one known difference
+// from Part 3.1, see kel.l); caught by parseScript. `line` is the line where the input ended.
+struct KelUnterminatedComment {
+    int line;
+};
+
+// Part 3.3 steps 3 to 6 and 8 to 9: saves the scanner's buffer, stream and start condition and
+// points it at `input` with the line flag raised; kelScannerEnd restores them. Nest like brackets.
+void kelScannerBegin(std::istream& input);
+void kelScannerEnd();
+// One scanner call (Part 3.1): the token code, its text into `text` (unchanged by the six
+// characters without text), the line into `firstLine`. 0 at the end of the input.
+int kelScanToken(std::string& text, int& firstLine);
+
+// A token as the scanner hands it over, for tests and tools.
+struct KelToken {
+    int code;
+    std::string text;
+    int line;
+    bool operator==(const KelToken&) const = default;
+};
+
+// Scans `input` to its end as a parse would (same save and restore, same text and line
+// records), the final token 0 included. Throws KelUnterminatedComment like the parse does.
+std::vector<KelToken> kelTokenize(std::istream& input);
+
+}  // namespace Zt
