@@ -1,0 +1,41 @@
+// Parts 6.1 and 6.2: the tool's description object and its node controller.
+#include "kelTool.h"
+
+#include "PebController.h"
+#include "PiImageModifierInfo.h"
+#include "kelInterpreter.h"
+
+namespace Zt {
+
+PiUiFactory KelTool::uiFactory = nullptr;
+
+void KelTool::setUiFactory(PiUiFactory factory) { uiFactory = factory; }
+
+namespace {
+
+// Part 6.2: no field; everything else is PebController's.
+class KelController : public PebController {
+public:
+    void printProgram() const override {
+        const RCShdPtr<KelRunInfo> info = rcCheckedCast<KelRunInfo>(getRunInfo());
+        if (info && info->function) static_cast<const KelSyntaxTree&>(*info->function).print();
+    }
+
+    // The two operations of Part 6.2, in this order.
+    PiUiFactory getUiFactory() const override { return KelTool::uiFactory; }
+    OPtrRet<PebInterpreter> createInterpreter() const override { return std::make_unique<KelInterpreter>(); }
+};
+
+}  // namespace
+
+void kelRegisterTool() {
+    // The arguments of PiToolProtocolImp's constructor, in order (Part 6.1): ToolVisibility 1,
+    // ToolStructure 0.
+    auto tool = std::make_unique<PiImageModifierInfo<KelController>>(
+        "KEL", "Kel Expressions", PiVarnicToolProtocol::getVarnicProductName(),
+        PiVarnicToolProtocol::getVarnicManufacturer(), PiVarnicToolProtocol::getVarnicVersionString(), 9,
+        "KEL language scripting tool for creating effects.", 1, 0);
+    PiImageModifier::registerTool(std::move(tool));
+}
+
+}  // namespace Zt
