@@ -1,0 +1,222 @@
+// The golden suite: every *.kel file of tests/golden is one case, compiled by KelInterpreter::parse
+// (Part 1.1) and, when it expects pixels, rendered by eval (Part 1.2) with tile widths of 1, 7,
+// 64 columns and the whole row, which must all give the expected pixels. The expectations stand
+// in the script's own leading comments, one per line:
+//
+//   // param: float NAME VALUE       an input float and its value
+//   // param: image NAME W H         an input image of W x H pixels, pixel (x, y) = (x, y, 0.25, 1)
+//   // param: output color NAME      the varying output (also: output float / output image)
+//   // size: W H                     the output's rectangle in pixels (default 6 x 4)
+//   // result: true|false            what parse returns (default: true when no error is expected)
+//   // error: LINE MESSAGE           an expected error, in order; the list must match exactly
+//   // all: R G B A                  every output pixel
+//   // row: Y R G B A                every pixel of row Y
+//   // pixel: X Y R G B A            one pixel
+//
+// Without `param:` lines the node has one varying output `out`. Pixels match within 1e-5.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "PxMemoryImage.h"
+#include "kelInterpreter.h"
+
+using namespace Zt;
+
+namespace {
+
+struct Parameter {
+    PebParameterInfo info;
+    double value = 0;
+    int width = 0, height = 0;
+};
+
+struct PixelExpectation {
+    enum Kind { All, Row, Pixel } kind;
+    int x = 0, y = 0;
+    Color color;
+};
+
+struct Case {
+    std::string path;
+    std::string script;
+    std::vector<Parameter> parameters;
+    int width = 6, height = 4;
+    bool resultGiven = false, result = true;
+    std::vector<PebError> errors;
+    std::vector<PixelExpectation> pixels;
+};
+
+Case load(const std::string& path) {
+    Case c;
+    c.path = path;
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream text;
+    text << file.rdbuf();
+    c.script = text.str();
+    std::istringstream lines(c.script);
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line.rfind("//", 0) != 0) continue;
+        std::istringstream words(line.substr(2));
+        std::string key;
+        words >> key;
+        if (key == "param:") {
+            std::string first, type, name;
+            words >> first;
+            const bool output = first == "output";
+            type = output ? (words >> type, type) : first;
+            words >> name;
+            const auto kind = type == "float" ? PebInterpreterTypes::Float
+                              : type == "image" ? PebInterpreterTypes::Image
+                                                : PebInterpreterTypes::Color;
+            Parameter p{PebParameterInfo(name, kind, output, output)};
+            if (!output && kind == PebInterpreterTypes::Float) words >> p.value;
+            if (!output && kind == PebInterpreterTypes::Image) words >> p.width >> p.height;
+            c.parameters.push_back(p);
+        } else if (key == "size:") {
+            words >> c.width >> c.height;
+        } else if (key == "result:") {
+            std::string value;
+            words >> value;
+            c.resultGiven = true;
+            c.result = value == "true";
+        } else if (key == "error:") {
+            int errorLine;
+            words >> errorLine;
+            std::string message;
+            std::getline(words >> std::ws, message);
+            c.errors.push_back(PebError(message, errorLine));
+        } else if (key == "all:" || key == "row:" || key == "pixel:") {
+            PixelExpectation e{key == "all:" ? PixelExpectation::All
+                               : key == "row:" ? PixelExpectation::Row
+                                               : PixelExpectation::Pixel,
+                               0, 0, Color()};
+            if (e.kind == PixelExpectation::Pixel) words >> e.x;
+            if (e.kind != PixelExpectation::All) words >> e.y;
+            words >> e.color.r >> e.color.g >> e.color.b >> e.color.a;
+            c.pixels.push_back(e);
+        }
+    }
+    if (c.parameters.empty()) c.parameters.push_back({PebParameterInfo("out", PebInterpreterTypes::Color, true, true)});
+    if (!c.resultGiven) c.result = c.errors.empty();
+    return c;
+}
+
+std::vector<std::string> casePaths() {
+    std::vector<std::string> paths;
+    for (const auto& entry : std::filesystem::directory_iterator(KEL_GOLDEN_DIR))
+        if (entry.path().extension() == ".kel") paths.push_back(entry.path().string());
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+std::string caseName(const testing::TestParamInfo<std::string>& info) {
+    std::string name = std::filesystem::path(info.param).stem().string();
+    for (char& ch : name)
+        if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
+    return name;
+}
+
+// The whole output, rendered tile by tile with tiles `tileWidth` columns wide.
+std::vector<Color> render(const KelInterpreter& interpreter, const RCShdPtr<PebRunInfo>& runInfo, const Case& c,
+                          int tileWidth) {
+    Vector<PxNodePtr<const PxImageProtocol>> inputs;
+    Vector<double> params;
+    for (const Parameter& p : c.parameters) {
+        if (p.info.isOutput()) continue;
+        if (p.info.getType() == PebInterpreterTypes::Float) params.push_back(p.value);
+        if (p.info.getType() == PebInterpreterTypes::Image) {
+            std::vector<Color> pixels;
+            for (int y = 0; y < p.height; ++y)
+                for (int x = 0; x < p.width; ++x) pixels.push_back(Color(float(x), float(y), 0.25f, 1.0f));
+            inputs.push_back(new PxMemoryImage(p.width, p.height, pixels));
+        }
+    }
+    const PxRODResult rod{PxValidityInterval::getFull(), GeRectangle<float>(0, float(c.width), 0, float(c.height))};
+    std::vector<Color> image(std::size_t(c.width) * std::size_t(c.height), Color(-1, -1, -1, -1));
+    PxImageContext context;
+    context.tileWidth = tileWidth;
+    context.tileHeight = 3;  // rows split across tiles too
+    for (int ty = 0; ty * context.tileHeight < c.height; ++ty)
+        for (int tx = 0; tx * tileWidth < c.width; ++tx) {
+            context.tileX = tx;
+            context.tileY = ty;
+            PxImageResult result = interpreter.eval(runInfo, inputs, params, rod, IxPixelFormat{}, context);
+            const IxTile& tile = *result.getTile();
+            const GeRectangle<int>& r = tile.getRect();
+            for (int y = r.yMin; y < r.yMax; ++y)
+                for (int x = r.xMin; x < r.xMax; ++x)
+                    image[std::size_t(y) * std::size_t(c.width) + std::size_t(x)] = tile.row(y)[x - r.xMin];
+        }
+    return image;
+}
+
+bool near(const Color& a, const Color& b) {
+    auto close = [](float p, float q) { return p == q || std::fabs(p - q) <= 1e-5f * std::max(1.0f, std::fabs(q)); };
+    return close(a.r, b.r) && close(a.g, b.g) && close(a.b, b.b) && close(a.a, b.a);
+}
+
+std::string show(const Color& c) {
+    std::ostringstream out;
+    out << "(" << c.r << ", " << c.g << ", " << c.b << ", " << c.a << ")";
+    return out.str();
+}
+
+class KelGolden : public testing::TestWithParam<std::string> {};
+
+}  // namespace
+
+TEST_P(KelGolden, Case) {
+    const Case c = load(GetParam());
+    const KelInterpreter interpreter;
+    Vector<PebParameterInfo> infos;
+    for (const Parameter& p : c.parameters) infos.push_back(p.info);
+    RCShdPtr<PebRunInfo> runInfo = interpreter.createRunInfo(infos);
+    Vector<PebError> errors;
+    const bool ok = interpreter.parse(c.script, runInfo, &errors);
+    EXPECT_EQ(ok, c.result);
+    EXPECT_EQ(errors.size(), c.errors.size());
+    for (std::size_t i = 0; i < std::max(errors.size(), c.errors.size()); ++i) {
+        const std::string got = i < errors.size() ? std::to_string(errors[i].getLine()) + " " + errors[i].getMessage() : "none";
+        const std::string want =
+            i < c.errors.size() ? std::to_string(c.errors[i].getLine()) + " " + c.errors[i].getMessage() : "none";
+        EXPECT_EQ(got, want) << "error " << i;
+    }
+    if (c.pixels.empty() || !ok) {
+        EXPECT_TRUE(c.pixels.empty()) << "pixels are expected but the script doesn't compile";
+        return;
+    }
+    const int widths[] = {1, 7, 64, c.width};
+    std::vector<Color> first;
+    for (int tileWidth : widths) {
+        SCOPED_TRACE("tile width " + std::to_string(tileWidth));
+        const std::vector<Color> image = render(interpreter, runInfo, c, tileWidth);
+        // Every tile width gives the very same pixels, and every pixel is written.
+        if (first.empty()) first = image;
+        for (std::size_t i = 0; i < image.size(); ++i) {
+            ASSERT_TRUE(image[i] == first[i]) << "pixel " << i << " differs from tile width 1";
+            ASSERT_FALSE(image[i] == Color(-1, -1, -1, -1)) << "pixel " << i << " not written";
+        }
+        int failures = 0;
+        for (int y = 0; y < c.height && failures < 5; ++y)
+            for (int x = 0; x < c.width && failures < 5; ++x) {
+                const Color& got = image[std::size_t(y) * std::size_t(c.width) + std::size_t(x)];
+                for (const PixelExpectation& e : c.pixels) {
+                    const bool applies = e.kind == PixelExpectation::All ||
+                                         (e.kind == PixelExpectation::Row && e.y == y) ||
+                                         (e.kind == PixelExpectation::Pixel && e.x == x && e.y == y);
+                    if (applies && !near(got, e.color)) {
+                        ADD_FAILURE() << "pixel (" << x << ", " << y << "): " << show(got) << ", expected " << show(e.color);
+                        ++failures;
+                    }
+                }
+            }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Scripts, KelGolden, testing::ValuesIn(casePaths()), caseName);
