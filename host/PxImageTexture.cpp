@@ -81,7 +81,8 @@ public:
             result = Color::ZERO;
             return;
         }
-        const double cx = clampTexel(tx, _pixels.xMin, _pixels.xMax), cy = clampTexel(ty, _pixels.yMin, _pixels.yMax);
+        const double cx = snapTexel(clampTexel(tx, _pixels.xMin, _pixels.xMax));
+        const double cy = snapTexel(clampTexel(ty, _pixels.yMin, _pixels.yMax));
         if (_params.filterMode != 1) {
             result = texel(int(std::floor(cx + 0.5)), int(std::floor(cy + 0.5)));
             return;
@@ -104,6 +105,13 @@ private:
         if (hi <= lo) return false;
         if (wrapMode == 1) return !std::isnan(t);
         return t > double(lo) - 1.0 && t < double(hi);
+    }
+    // The matrix holds floats (1 / w is rounded), so a position on a pixel centre comes back a
+    // few ulps off; within a relative 1e-6 of an integer the coordinate is that integer, and the
+    // sample is the pixel itself rather than a blend with a weight of 1e-8.
+    static double snapTexel(double t) {
+        const double nearest = std::round(t);
+        return std::abs(t - nearest) <= 1e-6 * std::max(1.0, std::abs(t)) ? nearest : t;
     }
     // Keeps the conversion to int defined; inside (lo - 1, hi) nothing changes.
     static double clampTexel(double t, int lo, int hi) { return std::min(std::max(t, double(lo) - 2.0), double(hi) + 1.0); }

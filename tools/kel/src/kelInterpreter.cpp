@@ -148,7 +148,10 @@ PxImageResult KelInterpreter::eval(const RCShdPtr<PebRunInfo>& runInfo, const Ve
     // Step 22: the row loop.
     PxRequestMgr& requests = PxRequestMgr::getInstance();
     const IxWriteGuard writeGuard(tile);
-    for (int y = y0; y < y1; ++y) {
+    // A tile outside the definition rectangle in x keeps its rows in step 4, but a row of no
+    // columns has nothing to compute: the loop runs no row (the spec's edge case).
+    const int rowEnd = x0 < x1 ? y1 : y0;
+    for (int y = y0; y < rowEnd; ++y) {
         requests.checkRequest();
         IxScanlineUtil::set(outputValue->getScanline(), kOpaqueBlack, nullptr);
         if (usesY) IxScanlineUtil::set(yRow, float(y) / scale, nullptr);
