@@ -260,6 +260,10 @@ TEST(KelParserProtocolOps, CastsOfStackEntriesFail) {
     protocol.variable("a", 1);
     protocol.variable("b", 1);
     EXPECT_THROW(protocol.addArgument(), ExCastFailed);
+    KelParserProtocol empty(&errors);
+    EXPECT_THROW(empty.addArgument(), ExNullPtr);
+    EXPECT_THROW(empty.binaryOp("+", 1), ExNullPtr);
+    EXPECT_THROW(empty.setElse(1), ExNullPtr);
 }
 
 // ---- The driver ---------------------------------------------------------------------------

@@ -18,10 +18,17 @@ KelParserProtocol::~KelParserProtocol() {
     while (!_stack.empty()) _stack.pop();
 }
 
+// The grammar never asks for more than the stack holds; if a broken caller does, it gets the
+// framework's null-pointer failure instead of undefined behaviour.
+const RCShdPtr<KelSyntaxTree>& KelParserProtocol::top() const {
+    if (_stack.empty()) RCExUtil::throwExNullPtr(typeid(KelSyntaxTree).name());
+    return _stack.top();
+}
+
 RCShdPtr<KelSyntaxTree> KelParserProtocol::pop() {
-    RCShdPtr<KelSyntaxTree> top = _stack.top();
+    RCShdPtr<KelSyntaxTree> node = top();
     _stack.pop();
-    return top;
+    return node;
 }
 
 bool KelParserProtocol::assign(const std::string& name, const std::string& op, int line) {
@@ -39,7 +46,7 @@ bool KelParserProtocol::binaryOp(const std::string& op, int line) {
 
 bool KelParserProtocol::setElse(int line) {
     KelBlockPtr elseBlock = rcCheckedCast<StatementBlockNode>(pop());
-    rcCheckedCast<IfNode>(_stack.top())->setElse(elseBlock);
+    rcCheckedCast<IfNode>(top())->setElse(elseBlock);
     return true;
 }
 
@@ -73,7 +80,7 @@ bool KelParserProtocol::functionCall(const std::string& name, int line) {
 
 bool KelParserProtocol::addArgument() {
     RCShdPtr<KelSyntaxTree> argument = pop();
-    rcCheckedCast<FunctionCallNode>(_stack.top())->addArgument(argument);
+    rcCheckedCast<FunctionCallNode>(top())->addArgument(argument);
     return true;
 }
 
@@ -131,7 +138,7 @@ bool KelParserProtocol::addStatement(int line) {
     // The first statement of a script without a function makes the script's block, which stays
     // at the bottom of the stack for good.
     if (_stack.empty()) startBlock(line);
-    rcCheckedCast<StatementBlockNode>(_stack.top())->addStatement(statement);
+    rcCheckedCast<StatementBlockNode>(top())->addStatement(statement);
     return true;
 }
 

@@ -83,6 +83,7 @@ public:
     std::size_t depth() const { return _stack.size(); }
 
 private:
+    const RCShdPtr<KelSyntaxTree>& top() const;
     RCShdPtr<KelSyntaxTree> pop();
 
     std::stack<RCShdPtr<KelSyntaxTree>, std::deque<RCShdPtr<KelSyntaxTree>>> _stack;
