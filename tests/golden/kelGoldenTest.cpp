@@ -12,8 +12,16 @@
 //   // all: R G B A                  every output pixel
 //   // row: Y R G B A                every pixel of row Y
 //   // pixel: X Y R G B A            one pixel
+//   // cancelled: N                  eval is cancelled through PxRequestMgr once N checks have
+//                                    passed (a script that loops for ever, host.md)
 //
 // Without `param:` lines the node has one varying output `out`. Pixels match within 1e-5.
+// Each width is also rendered on 3 threads at once, which must give the same pixels.
+//
+// The driver also compiles every ```kel block of docs/language.md (the guide's examples) with
+// the node parameters of the block's first line, `// params: -i NAME -f NAME[=VALUE]
+// -c NAME --out NAME` in the manner of the kel command: parse must return true with no error,
+// and the example renders alike with every tile width.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,6 +29,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "PxMemoryImage.h"
 #include "kelInterpreter.h"
@@ -49,6 +58,8 @@ struct Case {
     bool resultGiven = false, result = true;
     std::vector<PebError> errors;
     std::vector<PixelExpectation> pixels;
+    long long cancelAfter = -1;  // `cancelled:`, the check budget
+    bool render = false;         // render even without pixel expectations (the guide's examples)
 };
 
 Case load(const std::string& path) {
@@ -78,6 +89,8 @@ Case load(const std::string& path) {
             if (!output && kind == PebInterpreterTypes::Float) words >> p.value;
             if (!output && kind == PebInterpreterTypes::Image) words >> p.width >> p.height;
             c.parameters.push_back(p);
+        } else if (key == "cancelled:") {
+            words >> c.cancelAfter;
         } else if (key == "size:") {
             words >> c.width >> c.height;
         } else if (key == "result:") {
@@ -122,9 +135,10 @@ std::string caseName(const testing::TestParamInfo<std::string>& info) {
     return name;
 }
 
-// The whole output, rendered tile by tile with tiles `tileWidth` columns wide.
+// The whole output, rendered tile by tile with tiles `tileWidth` columns wide, the tiles shared
+// out among `threads` threads (one run info, evaluated concurrently as the host does).
 std::vector<Color> render(const KelInterpreter& interpreter, const RCShdPtr<PebRunInfo>& runInfo, const Case& c,
-                          int tileWidth) {
+                          int tileWidth, int threads = 1) {
     Vector<PxNodePtr<const PxImageProtocol>> inputs;
     Vector<double> params;
     for (const Parameter& p : c.parameters) {
@@ -139,13 +153,17 @@ std::vector<Color> render(const KelInterpreter& interpreter, const RCShdPtr<PebR
     }
     const PxRODResult rod{PxValidityInterval::getFull(), GeRectangle<float>(0, float(c.width), 0, float(c.height))};
     std::vector<Color> image(std::size_t(c.width) * std::size_t(c.height), Color(-1, -1, -1, -1));
-    PxImageContext context;
-    context.tileWidth = tileWidth;
-    context.tileHeight = 3;  // rows split across tiles too
-    for (int ty = 0; ty * context.tileHeight < c.height; ++ty)
-        for (int tx = 0; tx * tileWidth < c.width; ++tx) {
-            context.tileX = tx;
-            context.tileY = ty;
+    std::vector<std::pair<int, int>> tiles;
+    const int tileHeight = 3;  // rows split across tiles too
+    for (int ty = 0; ty * tileHeight < c.height; ++ty)
+        for (int tx = 0; tx * tileWidth < c.width; ++tx) tiles.emplace_back(tx, ty);
+    const auto work = [&](std::size_t first) {
+        for (std::size_t i = first; i < tiles.size(); i += std::size_t(threads)) {
+            PxImageContext context;
+            context.tileWidth = tileWidth;
+            context.tileHeight = tileHeight;
+            context.tileX = tiles[i].first;
+            context.tileY = tiles[i].second;
             PxImageResult result = interpreter.eval(runInfo, inputs, params, rod, IxPixelFormat{}, context);
             const IxTile& tile = *result.getTile();
             const GeRectangle<int>& r = tile.getRect();
@@ -153,6 +171,24 @@ std::vector<Color> render(const KelInterpreter& interpreter, const RCShdPtr<PebR
                 for (int x = r.xMin; x < r.xMax; ++x)
                     image[std::size_t(y) * std::size_t(c.width) + std::size_t(x)] = tile.row(y)[x - r.xMin];
         }
+    };
+    if (threads == 1) {
+        work(0);
+    } else {
+        std::vector<std::thread> pool;
+        std::vector<std::exception_ptr> failures(static_cast<std::size_t>(threads));
+        for (int t = 0; t < threads; ++t)
+            pool.emplace_back([&, t] {
+                try {
+                    work(std::size_t(t));
+                } catch (...) {
+                    failures[std::size_t(t)] = std::current_exception();
+                }
+            });
+        for (std::thread& thread : pool) thread.join();
+        for (const std::exception_ptr& failure : failures)
+            if (failure) std::rethrow_exception(failure);
+    }
     return image;
 }
 
@@ -169,10 +205,9 @@ std::string show(const Color& c) {
 
 class KelGolden : public testing::TestWithParam<std::string> {};
 
-}  // namespace
 
-TEST_P(KelGolden, Case) {
-    const Case c = load(GetParam());
+void runCase(const Case& c) {
+    SCOPED_TRACE(c.path);
     const KelInterpreter interpreter;
     Vector<PebParameterInfo> infos;
     for (const Parameter& p : c.parameters) infos.push_back(p.info);
@@ -187,10 +222,17 @@ TEST_P(KelGolden, Case) {
             i < c.errors.size() ? std::to_string(c.errors[i].getLine()) + " " + c.errors[i].getMessage() : "none";
         EXPECT_EQ(got, want) << "error " << i;
     }
-    if (c.pixels.empty() || !ok) {
+    if (!ok) {
         EXPECT_TRUE(c.pixels.empty()) << "pixels are expected but the script doesn't compile";
         return;
     }
+    if (c.cancelAfter >= 0) {
+        PxRequestMgr::getInstance().setCheckBudget(c.cancelAfter);
+        EXPECT_THROW(render(interpreter, runInfo, c, c.width), ExCancelled);
+        PxRequestMgr::getInstance().setCheckBudget(-1);
+        return;
+    }
+    if (c.pixels.empty() && !c.render) return;
     const int widths[] = {1, 7, 64, c.width};
     std::vector<Color> first;
     for (int tileWidth : widths) {
@@ -198,8 +240,10 @@ TEST_P(KelGolden, Case) {
         const std::vector<Color> image = render(interpreter, runInfo, c, tileWidth);
         // Every tile width gives the very same pixels, and every pixel is written.
         if (first.empty()) first = image;
+        const std::vector<Color> threaded = render(interpreter, runInfo, c, tileWidth, 3);
         for (std::size_t i = 0; i < image.size(); ++i) {
             ASSERT_TRUE(image[i] == first[i]) << "pixel " << i << " differs from tile width 1";
+            ASSERT_TRUE(threaded[i] == image[i]) << "pixel " << i << " differs on 3 threads";
             ASSERT_FALSE(image[i] == Color(-1, -1, -1, -1)) << "pixel " << i << " not written";
         }
         int failures = 0;
@@ -219,4 +263,60 @@ TEST_P(KelGolden, Case) {
     }
 }
 
+// The guide's examples (docs/language.md): each ```kel block, its first line `// params: ...`.
+std::vector<Case> guideExamples() {
+    std::ifstream file(KEL_LANGUAGE_GUIDE);
+    std::vector<Case> examples;
+    std::string line;
+    int number = 0;
+    while (std::getline(file, line)) {
+        ++number;
+        if (line != "```kel") continue;
+        Case c;
+        c.path = std::string(KEL_LANGUAGE_GUIDE) + ":" + std::to_string(number + 1);
+        while (std::getline(file, line) && (++number, line != "```")) c.script += line + "\n";
+        c.render = c.script.find("rand(") == std::string::npos;  // rand differs by tile
+        std::istringstream words(c.script.substr(0, c.script.find('\n')));
+        std::string word, output = "out";
+        words >> word;
+        if (word != "//" || !(words >> word) || word != "params:") c.errors.push_back(PebError("no // params: line", -1));
+        for (std::string option, value; words >> option >> value;) {
+            const std::string name = value.substr(0, value.find('='));
+            const std::string given = value.find('=') == std::string::npos ? "0" : value.substr(value.find('=') + 1);
+            if (option == "-i") c.parameters.push_back({PebParameterInfo(name, PebInterpreterTypes::Image, false, false), 0, 6, 4});
+            else if (option == "-f") c.parameters.push_back({PebParameterInfo(name, PebInterpreterTypes::Float, false, false), std::stod(given)});
+            else if (option == "-c") c.parameters.push_back({PebParameterInfo(name, PebInterpreterTypes::Color, false, false)});
+            else if (option == "--out") output = value;
+            else c.errors.push_back(PebError("unknown option " + option, -1));
+        }
+        c.parameters.push_back({PebParameterInfo(output, PebInterpreterTypes::Color, true, true)});
+        examples.push_back(c);
+    }
+    return examples;
+}
+
+std::vector<int> guideIndexes() {
+    std::vector<int> indexes(guideExamples().size());
+    for (std::size_t i = 0; i < indexes.size(); ++i) indexes[i] = int(i);
+    return indexes;
+}
+
+class KelLanguageGuide : public testing::TestWithParam<int> {};
+
+}  // namespace
+
+TEST_P(KelGolden, Case) { runCase(load(GetParam())); }
+
+// An example of the guide compiles with no error (its expected errors are only a malformed
+// `// params:` line, which fails here), and renders alike with every tile width.
+TEST_P(KelLanguageGuide, ExampleCompiles) {
+    Case c = guideExamples()[std::size_t(GetParam())];
+    ASSERT_TRUE(c.errors.empty()) << c.path << ": " << c.errors[0].getMessage();
+    runCase(c);
+}
+
+TEST(KelLanguageGuide, HasExamples) { EXPECT_GE(guideExamples().size(), 1u); }
+
 INSTANTIATE_TEST_SUITE_P(Scripts, KelGolden, testing::ValuesIn(casePaths()), caseName);
+INSTANTIATE_TEST_SUITE_P(Examples, KelLanguageGuide, testing::ValuesIn(guideIndexes()),
+                         [](const testing::TestParamInfo<int>& info) { return "example" + std::to_string(info.param + 1); });
