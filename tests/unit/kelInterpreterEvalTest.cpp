@@ -308,16 +308,25 @@ TEST(KelInterpreterEval, ImageRows0And1AreNoImageAndTheOutput) {
     EXPECT_TRUE(probed);
 }
 
-TEST(KelInterpreterEval, GetOutputImageGivesTheOutputsDimensionsAndNeverItsPixels) {
+TEST(KelInterpreterEval, GetOutputImageGivesId1AndTheOutputsDimensionsAndNeverItsPixels) {
     KelInterpreter interpreter;
+    int probed = 0;
     auto runInfo = scriptOf(interpreter, {colorOutput("out")}, {output("color", "out")},
                             {assign("out", "=", colorOf(call<FunctionWidth>("width", {outputImage()}),
                                                         call<FunctionHeight>("height", {outputImage()}),
                                                         call<FunctionGetPixelAspectRatio>("getPixelAspectRatio", {outputImage()}),
                                                         num(1))),
                              declareAs("color", "seen", samplePixel(outputImage())),
-                             assign("out", "+=", colorOf(num(0), num(0), num(0), call<FunctionR>("r", {var("seen")})))});
+                             assign("out", "+=", colorOf(num(0), num(0), num(0), call<FunctionR>("r", {var("seen")}))),
+                             declareAs("image", "o", outputImage()), probe([&](KelContext& c) {
+                                 // Locals by the check's ids: x, y, t, out, seen, o.
+                                 auto o = rcStaticCast<KelImage>(c.getVariable(5));
+                                 for (float id : rowOf(o->getScanline())) EXPECT_EQ(id, 1.0f);
+                                 EXPECT_EQ((*c.getImage(1).scanline)[0], kOpaqueBlack);
+                                 ++probed;
+                             })});
     PxImageResult result = interpreter.eval(runInfo, {}, {}, rodOf(6, 4), IxPixelFormat{3, 2}, tileContext(0, 0, 2, 2));
+    EXPECT_EQ(probed, 2);
     // seen is opaque black: its red adds nothing to alpha.
     EXPECT_EQ(pixelOf(result, 1, 1), Color(6, 4, 1.5f, 1));
 }
@@ -463,4 +472,12 @@ TEST(KelInterpreterEval, TilesOfOneRunInfoMayBeEvaluatedConcurrently) {
         });
     for (auto& th : threads) th.join();
     EXPECT_EQ(wrong.load(), 0);
+}
+
+TEST(KelInterpreterEval, MissingInputsOrNumbersAreAssertionsNotOutOfBoundsReads) {
+    KelInterpreter interpreter;
+    auto images = scriptOf(interpreter, {imageInput("src"), colorOutput("out")}, {input("image", "src"), output("color", "out")}, {});
+    EXPECT_THROW(interpreter.eval(images, {}, {}, rodOf(1, 1), IxPixelFormat{}, tileContext(0, 0, 1, 1)), ExAssertionFailed);
+    auto floats = scriptOf(interpreter, {floatInput("g"), colorOutput("out")}, {input("float", "g"), output("color", "out")}, {});
+    EXPECT_THROW(interpreter.eval(floats, {}, {}, rodOf(1, 1), IxPixelFormat{}, tileContext(0, 0, 1, 1)), ExAssertionFailed);
 }

@@ -105,9 +105,13 @@ PxImageResult KelInterpreter::eval(const RCShdPtr<PebRunInfo>& runInfo, const Ve
         if (p.isOutput()) {
             if (p.isVarying()) outputName = p.getName();
         } else if (p.getType() == PebInterpreterTypes::Float) {
+            if (floatIndex >= params.size()) Assertions::throwAssertionFailed(__FILE__, __LINE__, "floatIndex < params.size()");
             kc.setVariable(kc.getVariableId(p.getName()), kc.newConstantFloat(float(params[floatIndex++]), 0));
         } else if (p.getType() == PebInterpreterTypes::Image) {
             const std::size_t i = imageIndex++;
+            // Preconditions of Part 1.2 (settled by the controller), checked since an index past
+            // the inputs or the numbers would read out of bounds.
+            if (i >= inputs.size()) Assertions::throwAssertionFailed(__FILE__, __LINE__, "i < inputs.size()");
             kc.setVariable(kc.getVariableId(p.getName()), kc.newImage(float(i + 2), 0));
             const PxImageFormat inputFormat = inputs[i]->getFormat();
             KelImageEntry entry;
@@ -156,7 +160,7 @@ PxImageResult KelInterpreter::eval(const RCShdPtr<PebRunInfo>& runInfo, const Ve
         IxScanlineUtil::set(outputValue->getScanline(), kOpaqueBlack, nullptr);
         if (usesY) IxScanlineUtil::set(yRow, float(y) / scale, nullptr);
         if (usesSample1) {
-            for (std::size_t i = 0; i < results.size(); ++i)
+            for (std::size_t i = 0; i < imageIndex; ++i)
                 kc.getImage(int(i + 2)).scanline->readFrom(results[i].getTileGuard(), y);
         }
         run.function->eval(kc);
