@@ -1,0 +1,43 @@
+// The commands of `kel` (cli.md): render, check, print, tools, version, over the invocation that
+// the command line gave.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kelOptions.h"
+
+namespace Zt::KelApp {
+
+// Exit statuses (cli.md).
+constexpr int kExitOk = 0;
+constexpr int kExitRefused = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitCancelled = 3;
+
+struct Invocation {
+    std::string command;
+    std::string scriptPath;
+    std::string scriptText;
+    bool hasScriptText = false;
+    std::vector<ParameterOption> parameters;
+    std::string outputName = "out";
+    std::string outputPath;
+    std::optional<std::pair<int, int>> size;
+    double time = 0.0;
+    std::optional<std::pair<int, int>> frames;
+    int scaleLevel = 0;
+    std::optional<std::pair<int, int>> pixelAspect;
+    int threads = 0;
+    std::optional<std::pair<int, int>> tile;
+    std::optional<double> timeout;
+    bool json = false;
+    bool dump = false;
+};
+
+// Runs the command; returns the exit status. Throws UsageError for a usage error.
+int runCommand(const Invocation& invocation);
+
+}  // namespace Zt::KelApp
