@@ -38,4 +38,9 @@ void kelRegisterTool() {
     PiImageModifier::registerTool(std::move(tool));
 }
 
+int kelDescriptionFetches() {
+    const auto* tool = dynamic_cast<const PiImageModifierInfo<KelController>*>(PiToolRegistry::getInstance().find("KEL"));
+    return tool ? tool->getDescriptionFetches() : 0;
+}
+
 }  // namespace Zt

@@ -20,4 +20,7 @@ public:
 // PiImageModifier::registerTool.
 void kelRegisterTool();
 
+// How many times the registered tool's description was fetched (Part 6.1's lazy step): tests.
+int kelDescriptionFetches();
+
 }  // namespace Zt
