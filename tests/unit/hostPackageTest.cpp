@@ -1,0 +1,165 @@
+// The host's package framework, plug-in loader and tile renderer: dependency order, missing
+// dependencies and cycles, reverse shut-down, the plug-in directory list, dlopen of the build's
+// plug-ins directory, and tiles rendered concurrently giving the pixels of one thread.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "InBuildInfo.h"
+#include "InPackage.h"
+#include "PiPluginLoader.h"
+#include "PiTool.h"
+#include "PxTileRenderer.h"
+#include "kelZttoolInit.h"
+
+namespace Zt {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<std::string> gLog;
+
+template <class Tag>
+struct LoggedPackage : InInit<Tag> {
+    explicit LoggedPackage(const char* name) : InInit<Tag>(name) {}
+    void initialize() override { gLog.push_back("init " + this->getName()); }
+    void shutdown() override { gLog.push_back("shutdown " + this->getName()); }
+    void depend(const std::type_info& type) { InPackageInit::addDependency(type); }
+};
+struct TagA {};
+struct TagB {};
+struct TagC {};
+struct TagMissing {};
+
+TEST(HostPackages, InitialisedAfterDependenciesAndShutDownInReverse) {
+    gLog.clear();
+    {
+        // Registered in the wrong order on purpose: C needs B, B needs A.
+        LoggedPackage<TagC> c("C");
+        LoggedPackage<TagB> b("B");
+        LoggedPackage<TagA> a("A");
+        c.depend(typeid(TagB));
+        b.depend(typeid(TagA));
+        InPackageManager::getInstance().initializeAll();
+        EXPECT_TRUE(c.isInitialized());
+        InPackageManager::getInstance().shutdownAll();
+        EXPECT_FALSE(a.isInitialized());
+    }
+    std::vector<std::string> mine;
+    for (const std::string& line : gLog)
+        if (line.size() > 2 && (line.back() == 'A' || line.back() == 'B' || line.back() == 'C')) mine.push_back(line);
+    EXPECT_EQ(mine, (std::vector<std::string>{"init A", "init B", "init C", "shutdown C", "shutdown B", "shutdown A"}));
+    EXPECT_EQ(InPackageManager::getInstance().find("C"), nullptr);  // unregistered when destroyed
+    InPackageManager::getInstance().initializeAll();                 // leave the others initialised
+}
+
+TEST(HostPackages, MissingDependencyAndCycleAreReportedBeforeAnyInitialisation) {
+    gLog.clear();
+    {
+        LoggedPackage<TagA> a("A");
+        a.depend(typeid(TagMissing));
+        InPackageManager::getInstance().shutdownAll();
+        EXPECT_THROW(InPackageManager::getInstance().initializeAll(), ExBase);
+    }
+    {
+        LoggedPackage<TagA> a("A");
+        LoggedPackage<TagB> b("B");
+        a.depend(typeid(TagB));
+        b.depend(typeid(TagA));
+        EXPECT_THROW(InPackageManager::getInstance().initializeAll(), ExBase);
+    }
+    EXPECT_TRUE(gLog.empty());
+    InPackageManager::getInstance().initializeAll();
+}
+
+TEST(HostPluginLoader, DirectoriesFromTheEnvironmentOrTheDefault) {
+    EXPECT_EQ(PiPluginLoader::directories(nullptr, "/d"), (std::vector<std::string>{"/d"}));
+    EXPECT_EQ(PiPluginLoader::directories("", "/d"), (std::vector<std::string>{"/d"}));
+    EXPECT_EQ(PiPluginLoader::directories("/a::/b", "/d"), (std::vector<std::string>{"/a", "/b"}));
+}
+
+// The build's plugins directory: where the linked libZtkelZttool lives.
+std::string pluginDirectory() {
+    Dl_info info{};
+    if (!dladdr(reinterpret_cast<void*>(&kelBuildStaticTables), &info) || !info.dli_fname) return "";
+    return fs::path(info.dli_fname).parent_path().string();
+}
+
+TEST(HostPluginLoader, LoadsThePackageFromThePluginsDirectoryAndRegistersTheTool) {
+    const std::string directory = pluginDirectory();
+    ASSERT_FALSE(directory.empty());
+    PiPluginLoader loader;
+    const std::vector<std::string> loaded = loader.loadDirectory(directory);
+    ASSERT_FALSE(loaded.empty());
+    EXPECT_TRUE(std::any_of(loaded.begin(), loaded.end(),
+                            [](const std::string& p) { return p.ends_with("/libZtkelZttool.so"); }));
+    loader.initializePackages();
+    InPackageInit* kel = InPackageManager::getInstance().find("kelZttool");
+    ASSERT_NE(kel, nullptr);
+    EXPECT_TRUE(InPackageManager::getInstance().isInitialized(kel));
+    for (const std::type_info* dependency : kel->getDependencies())
+        EXPECT_TRUE(InPackageManager::getInstance().isInitialized(InPackageManager::getInstance().find(*dependency)));
+    ASSERT_NE(PiToolRegistry::getInstance().find("KEL"), nullptr);
+    EXPECT_NE(InBuildInfoUtil::find("libZtkelZttool"), nullptr);
+}
+
+TEST(HostPluginLoader, AFileThatIsNoLibraryIsAnError) {
+    const fs::path directory = fs::temp_directory_path() / ("kel-plugins-" + std::to_string(getpid()));
+    fs::create_directories(directory);
+    std::ofstream(directory / "libBroken.so") << "not an ELF file";
+    std::ofstream(directory / "notALibrary.txt") << "ignored";
+    PiPluginLoader loader;
+    EXPECT_THROW(loader.loadDirectory(directory.string()), ExBase);
+    fs::remove_all(directory);
+    EXPECT_THROW(loader.loadDirectory(directory.string()), ExBase);  // no directory
+}
+
+// Pixel (x, y) = (x, y, tileX, 1), validity narrowed by the tile's column.
+class CoordinateNode : public PxImageProtocol {
+public:
+    PxImageFormat getFormat() const override { return {}; }
+    PxRODResult getROD(const PxImageContext&) const override { return {}; }
+    PxImageResult getImage(const PxImageContext& c) const override {
+        PxRequestMgr::getInstance().checkRequest();
+        const GeRectangle<int> r = convertTilesToPixels({c.tileX, c.tileX + 1, c.tileY, c.tileY + 1}, c);
+        RCShdPtr<IxTile> tile(new IxTile({}, r, Color::ZERO));
+        for (int y = r.yMin; y < r.yMax; ++y)
+            for (int x = r.xMin; x < r.xMax; ++x) tile->row(y)[x - r.xMin] = Color(float(x), float(y), 0.0f, 1.0f);
+        return PxImageResult(tile, PxValidityInterval(-100.0 + c.tileX, 100.0 - c.tileY));
+    }
+};
+
+TEST(HostTileRenderer, ManyTilesOnManyThreadsGiveThePixelsOfOneThread) {
+    CoordinateNode node;
+    const GeRectangle<int> rect(0, 37, 0, 23);
+    PxImageContext one;
+    one.tileWidth = 64;
+    one.tileHeight = 64;
+    const PxRenderedImage reference = PxTileRenderer(1).render(node, rect, one);
+    PxImageContext many;
+    many.tileWidth = 3;
+    many.tileHeight = 2;
+    const PxRenderedImage tiled = PxTileRenderer(8).render(node, rect, many);
+    ASSERT_EQ(tiled.pixels.size(), reference.pixels.size());
+    for (std::size_t i = 0; i < tiled.pixels.size(); ++i) ASSERT_EQ(tiled.pixels[i], reference.pixels[i]) << i;
+    EXPECT_EQ(tiled.at(36, 22), Color(36, 22, 0, 1));
+    // Every tile narrows: the last column of tiles is 12, the last row 11.
+    EXPECT_EQ(tiled.validity.begin, -100.0 + 12);
+    EXPECT_EQ(tiled.validity.end, 100.0 - 11);
+}
+
+TEST(HostTileRenderer, CancellationReachesTheCaller) {
+    CoordinateNode node;
+    PxImageContext context;
+    context.tileWidth = 1;
+    context.tileHeight = 1;
+    PxRequestMgr::getInstance().cancel();
+    EXPECT_THROW(PxTileRenderer(4).render(node, GeRectangle<int>(0, 10, 0, 10), context), ExCancelled);
+    PxRequestMgr::getInstance().reset();
+    EXPECT_NO_THROW(PxTileRenderer(4).render(node, GeRectangle<int>(0, 10, 0, 10), context));
+}
+
+}  // namespace
+}  // namespace Zt
