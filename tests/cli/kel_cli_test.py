@@ -1,0 +1,241 @@
+#!/usr/bin/env python3
+"""`kel` end to end (cli.md): commands, parameters, render options, exit statuses, JSON shapes,
+--dump values, bottom-up rows, frames, cancellation, atomic output, bad option values.
+Usage: kel_cli_test.py KEL_BINARY. Input images are made by kel itself."""
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+KEL = None
+
+
+def run(*args, cwd=None, timeout=60):
+    p = subprocess.run([KEL, *args], capture_output=True, text=True, cwd=cwd, timeout=timeout)
+    return p.returncode, p.stdout, p.stderr
+
+
+class KelCli(unittest.TestCase):
+    def setUp(self):
+        self.tmp = tempfile.TemporaryDirectory()
+        self.dir = self.tmp.name
+
+    def tearDown(self):
+        self.tmp.cleanup()
+
+    def path(self, name):
+        return os.path.join(self.dir, name)
+
+    def read_bytes(self, name):
+        with open(self.path(name), "rb") as f:
+            return f.read()
+
+    def render_json(self, *args):
+        code, out, err = run("render", *args, "--json", "--dump", cwd=self.dir)
+        self.assertEqual(code, 0, err)
+        return json.loads(out)
+
+    def make_image(self, name, script, size="4x3"):
+        code, _, err = run("render", "-e", script, "--size", size, "-o", self.path(name))
+        self.assertEqual(code, 0, err)
+
+    # --- commands ---------------------------------------------------------------------------
+    def test_tools_and_version(self):
+        code, out, _ = run("tools")
+        self.assertEqual(code, 0)
+        self.assertIn("KEL\tKel Expressions\tKEL language scripting tool for creating effects.", out.splitlines())
+        code, out, _ = run("version")
+        self.assertEqual(code, 0)
+        self.assertEqual(out.splitlines()[:11], ["Varnic Sorell Library", "libZtkelZttool", "2013", "8.0", "", "8",
+                                                 "0", "42", "2600", "Jun 12 2012", "opt.x86_64.intel"])
+
+    def test_check_ok_and_json(self):
+        code, out, err = run("check", "-e", "out = x;", "--json")
+        self.assertEqual(code, 0, err)
+        self.assertEqual(json.loads(out), {"ok": True, "errors": []})
+
+    def test_check_refused_human_message_with_line(self):
+        code, _, err = run("check", "-e", "float a = 1;\nout = ;")
+        self.assertEqual(code, 1)
+        lines = err.splitlines()
+        self.assertTrue(lines[0].startswith("<script>:2: "), err)
+        self.assertEqual(lines[1], "out = ;")
+
+    def test_check_file_script_name_and_json_errors(self):
+        script = self.path("bad.kel")
+        with open(script, "w") as f:
+            f.write("out = ;\n")
+        code, out, err = run("check", script, "--json")
+        self.assertEqual(code, 1)
+        report = json.loads(out)
+        self.assertFalse(report["ok"])
+        self.assertEqual(report["errors"][0]["line"], 1)
+        self.assertTrue(err.startswith(script + ":1: "))
+
+    def test_warning_line_zero_exit_0(self):
+        code, out, err = run("check", "-e", "void f(output color out) { out = 1; }", "--json")
+        report = json.loads(out)
+        if report["ok"]:
+            self.assertEqual(code, 0)
+            self.assertIn({"line": 0, "message": "Function main is not found"}, report["errors"])
+            self.assertIn("<script>: Function main is not found", err)
+        else:
+            self.assertEqual(code, 1)
+
+    def test_print(self):
+        code, out, err = run("print", "-e", "out = x * 2;")
+        self.assertEqual(code, 0, err)
+        self.assertIn("x * 2", out)
+        code, out, _ = run("print", "-e", "out = ;")
+        self.assertEqual(code, 1)
+        self.assertEqual(out, "")
+
+    def test_parameters_in_command_line_order(self):
+        # params[0] is the first -f, whatever image inputs stand between.
+        self.make_image("src.png", "out = color(0.5, 0.5, 0.5, 1);", "2x2")
+        r = self.render_json("-e", "out = color(a1, a2, r(src), 1);", "-f", "a1=0.25", "-i", "src=src.png",
+                             "-f", "a2=0.75", "-o", "o.exr")
+        self.assertEqual(r["pixels"][0][0][:2], [0.25, 0.75])
+        self.assertAlmostEqual(r["pixels"][0][0][2], 0.5, places=2)
+        code, _, err = run("check", "-e", "out = 1;", "-i", "src", "-c", "tint=1,0,0,1", "-f", "k")
+        self.assertEqual(code, 0, err)
+        code, _, _ = run("check", "-e", "void main(output color res) { res = 1; }", "--out", "res")
+        self.assertEqual(code, 0)
+
+    # --- render -----------------------------------------------------------------------------
+    def test_render_json_shape_and_dump(self):
+        r = self.render_json("-e", "out = color(x, y, 0.1, 1);", "--size", "3x2", "-o", "o.exr")
+        self.assertEqual(set(r), {"ok", "errors", "width", "height", "validity", "pixels"})
+        self.assertEqual((r["width"], r["height"]), (3, 2))
+        self.assertEqual(len(r["pixels"]), 2)
+        self.assertEqual(r["pixels"][1][2], [2, 1, 0.100000001, 1])
+        self.assertEqual(r["validity"], [-31536000, 31536000])
+
+    def test_nan_and_inf_strings(self):
+        r = self.render_json("-e", "out = color(0/0, 1/0, -1/0, 1);", "--size", "1x1", "-o", "o.exr")
+        self.assertEqual(r["pixels"][0][0][1:], ["inf", "-inf", 1])
+        self.assertEqual(r["pixels"][0][0][0], "nan")
+
+    def test_rows_bottom_up_on_read_and_write(self):
+        # Row 0 is the bottom row: in the file (top row first) it comes last.
+        self.make_image("rows.exr", "out = color(y / 2, 0, 0, 1);", "1x3")
+        r = self.render_json("-e", "out = src;", "-i", "src=rows.exr", "-o", "copy.exr")
+        self.assertEqual([row[0][0] for row in r["pixels"]], [0, 0.5, 1])
+        try:
+            top = subprocess.run(["oiiotool", self.path("rows.exr"), "--cut", "1x1+0+0", "--printstats"],
+                                 capture_output=True, text=True).stdout
+        except FileNotFoundError:
+            return
+        self.assertIn("Max: 1.0", top.replace("1.000000", "1.0"))  # the file's top row is row 2
+
+    def test_channels_one_and_three(self):
+        try:
+            subprocess.run(["oiiotool", "--pattern", "constant:color=0.5", "2x2", "1", "-d", "float",
+                            "-o", self.path("grey.exr")], check=True, capture_output=True)
+        except (FileNotFoundError, subprocess.CalledProcessError):
+            self.skipTest("oiiotool not available")
+        r = self.render_json("-e", "out = src;", "-i", "src=grey.exr", "-o", "o.exr")
+        self.assertEqual(r["pixels"][0][0], [0.5, 0.5, 0.5, 1])
+
+    def test_scale_level_time_and_pixel_aspect(self):
+        r = self.render_json("-e", "out = color(x, y, t, 1);", "--size", "8x4", "--scale-level", "1",
+                             "--pixel-aspect", "2/1", "--time", "3", "-o", "o.exr")
+        self.assertEqual((r["width"], r["height"]), (4, 2))  # 8 x 4 at half scale
+        self.assertEqual(r["pixels"][1][3], [12, 2, 3, 1])
+        self.assertLess(r["validity"][1] - r["validity"][0], 1e-7)
+
+    def test_frames_with_hash_and_printf_patterns(self):
+        code, out, err = run("render", "-e", "out = color(t, 0, 0, 1);", "--size", "1x1", "--frames", "2-4",
+                             "-o", "seq.####.exr", "--json", "--dump", cwd=self.dir)
+        self.assertEqual(code, 0, err)
+        frames = json.loads(out)["frames"]
+        self.assertEqual([f["pixels"][0][0][0] for f in frames], [2, 3, 4])
+        for n in (2, 3, 4):
+            self.assertTrue(os.path.exists(self.path("seq.%04d.exr" % n)))
+        code, out, err = run("render", "-e", "out = s;", "-i", "s=seq.%04d.exr", "--frames", "3-4",
+                             "-o", "copy.#.exr", "--json", "--dump", cwd=self.dir)
+        self.assertEqual(code, 0, err)
+        self.assertEqual([f["pixels"][0][0][0] for f in json.loads(out)["frames"]], [3, 4])
+        self.assertTrue(os.path.exists(self.path("copy.3.exr")))
+
+    def test_threads_and_tiles_give_the_pixels_of_one_thread(self):
+        script = "float n = noise3D(x * 0.1, y * 0.1, 0.3); out = color(n, sin(x * y), x / (y + 1), 1);"
+        one = self.render_json("-e", script, "--size", "37x23", "--threads", "1", "--tile", "64x64", "-o", "a.exr")
+        for tile in ("1x1", "7x3", "64x1"):
+            many = self.render_json("-e", script, "--size", "37x23", "--threads", "8", "--tile", tile, "-o", "b.exr")
+            self.assertEqual(many["pixels"], one["pixels"], tile)
+
+    def test_output_formats_written(self):
+        for name in ("o.png", "o.tif", "o.jpg", "o.exr"):
+            code, _, err = run("render", "-e", "out = color(0.5, 0.25, 1, 1);", "--size", "2x2", "-o", name, cwd=self.dir)
+            self.assertEqual(code, 0, (name, err))
+            self.assertTrue(os.path.exists(self.path(name)))
+
+    # --- failures -----------------------------------------------------------------------------
+    def assertNoTempFiles(self):
+        self.assertEqual([n for n in os.listdir(self.dir) if "kel-tmp" in n], [])
+
+    def test_cancelled_render_exits_3_and_leaves_the_earlier_file(self):
+        self.make_image("keep.png", "out = 0.5;", "2x2")
+        before = self.read_bytes("keep.png")
+        code, _, err = run("render", "-e", "float i = 0; while (1) { i += 1; } out = i;", "--size", "16x16",
+                           "--timeout", "0.5", "-o", "keep.png", cwd=self.dir)
+        self.assertEqual(code, 3, err)
+        self.assertIn("cancel", err)
+        self.assertEqual(self.read_bytes("keep.png"), before)
+        self.assertNoTempFiles()
+
+    def test_refused_script_leaves_no_file(self):
+        code, _, _ = run("render", "-e", "out = ;", "--size", "2x2", "-o", "none.png", cwd=self.dir)
+        self.assertEqual(code, 1)
+        self.assertFalse(os.path.exists(self.path("none.png")))
+
+    def test_unreadable_input_and_script(self):
+        code, _, err = run("render", "-e", "out = s;", "-i", "s=missing.png", "-o", "o.png", cwd=self.dir)
+        self.assertEqual(code, 2)
+        self.assertIn("missing.png", err)
+        code, _, _ = run("check", self.path("missing.kel"))
+        self.assertEqual(code, 2)
+        self.assertFalse(os.path.exists(self.path("o.png")))
+
+    def test_unwritable_output(self):
+        code, _, err = run("render", "-e", "out = 1;", "--size", "2x2", "-o", self.path("no/such/dir/o.png"))
+        self.assertEqual(code, 2)
+        self.assertEqual(len(err.strip().splitlines()), 1)
+        code, _, _ = run("render", "-e", "out = 1;", "--size", "2x2", "-o", self.path("o.unknownext"))
+        self.assertEqual(code, 2)
+
+    def test_render_over_own_input_refused(self):
+        self.make_image("plate.png", "out = 0.5;", "2x2")
+        before = self.read_bytes("plate.png")
+        code, _, err = run("render", "-e", "out = src;", "-i", "src=plate.png", "-o", "./plate.png", cwd=self.dir)
+        self.assertEqual(code, 2)
+        self.assertIn("plate.png", err)
+        self.assertEqual(self.read_bytes("plate.png"), before)
+
+    def test_bad_option_values_are_one_line_exit_2(self):
+        base = ["render", "-e", "out = 1;", "-o", self.path("o.png")]
+        cases = [["--size", "4y4"], ["--size", "0x4"], ["--frames", "5-2"], ["--frames", "a-b"],
+                 ["--scale-level", "-1"], ["--pixel-aspect", "0/1"], ["--pixel-aspect", "x"], ["--threads", "0"],
+                 ["--tile", "0x8"], ["--timeout", "-1"], ["--timeout", "soon"], ["--size", "2x2", "-f", "k=abc"],
+                 ["--size", "2x2", "-c", "c=1,2"], ["--size", "2x2", "-f", "9bad=1"], ["--size", "2x2", "--dump"],
+                 ["--size", "2x2", "--bogus"]]
+        for extra in cases:
+            code, out, err = run(*base, *extra)
+            self.assertEqual(code, 2, extra)
+            self.assertEqual(len(err.strip().splitlines()), 1, (extra, err))
+        self.assertFalse(os.path.exists(self.path("o.png")))
+
+    def test_usage_errors(self):
+        self.assertEqual(run("render", "-e", "out = 1;", "-o", self.path("o.png"))[0], 2)  # no --size
+        self.assertEqual(run("render", "-e", "out = s;", "-i", "s", "--size", "2x2", "-o", self.path("o.png"))[0], 2)
+        self.assertEqual(run("check")[0], 2)
+        self.assertEqual(run("check", "-e", "out = 1;", "-f", "k", "-f", "k")[0], 2)
+        self.assertEqual(run()[0], 2)
+
+
+if __name__ == "__main__":
+    KEL = os.path.abspath(sys.argv.pop(1))
+    unittest.main(verbosity=1)
