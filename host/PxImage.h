@@ -153,7 +153,8 @@ struct SdTextureParams {
 };
 
 // Reads an image at any nominal position (Part 5.3): bilinear over pixel centres; outside the
-// image's rectangle it reads the fill colour (host.md).
+// image's rectangle it reads the fill colour (host.md). PxImageTexture.cpp tells the mapping
+// through the texture matrix, the modes and the lazy tile cache; a sampler serves one thread.
 class SdTextureSampler : public RCBase<LkCounter<int>> {
 public:
     virtual void sampleAt(Color& result, const double coords[2], const GeLinearMatrix2<double>& derivatives) const = 0;
