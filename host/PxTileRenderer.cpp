@@ -3,10 +3,15 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
-#include <exception>
+#include <chrono>
 #include <mutex>
 #include <thread>
+
+#include <tbb/blocked_range.h>
+#include <tbb/global_control.h>
+#include <tbb/parallel_for.h>
+#include <tbb/partitioner.h>
+#include <tbb/task_arena.h>
 
 namespace Zt {
 
@@ -34,52 +39,57 @@ PxRenderedImage PxTileRenderer::render(const PxImageProtocol& node, const GeRect
     const int ty0 = floorDiv(rect.yMin, context.tileHeight), ty1 = floorDiv(rect.yMax - 1, context.tileHeight) + 1;
     const std::size_t columns = std::size_t(tx1 - tx0), total = columns * std::size_t(ty1 - ty0);
 
-    std::atomic<std::size_t> next{0};
-    std::atomic<bool> failed{false};
-    std::mutex mutex;  // guards validity, firstError, done
-    std::condition_variable changed;
-    std::exception_ptr firstError;
-    std::size_t done = 0;
+    std::mutex mutex;  // guards validity and the progress report
+    std::atomic<std::size_t> done{0};
+    const std::thread::id caller = std::this_thread::get_id();
+    auto lastReport = std::chrono::steady_clock::now();
+    if (_progress) _progress(0, total);
 
-    auto work = [&] {
-        for (std::size_t i; !failed.load() && (i = next.fetch_add(1)) < total;) {
-            PxImageContext tileContext = context;
-            tileContext.tileX = tx0 + int(i % columns);
-            tileContext.tileY = ty0 + int(i / columns);
-            try {
-                const PxImageResult result = node.getImage(tileContext);
-                // Tiles are disjoint: each writes its own pixels, no lock needed for them.
-                const IxTile& tile = *result.getTile();
-                const GeRectangle<int>& r = tile.getRect();
-                const int x0 = std::max(r.xMin, rect.xMin), x1 = std::min(r.xMax, rect.xMax);
-                for (int y = std::max(r.yMin, rect.yMin); x0 < x1 && y < std::min(r.yMax, rect.yMax); ++y)
-                    std::copy(tile.row(y) + (x0 - r.xMin), tile.row(y) + (x1 - r.xMin),
-                              image.pixels.begin() + std::ptrdiff_t(y - rect.yMin) * rect.width() + (x0 - rect.xMin));
-                std::lock_guard lock(mutex);
-                result.reduceVI(image.validity);
-                ++done;
-            } catch (...) {
-                std::lock_guard lock(mutex);
-                if (!firstError) firstError = std::current_exception();
-                failed.store(true);
+    auto renderTile = [&](std::size_t i) {
+        PxImageContext tileContext = context;
+        tileContext.tileX = tx0 + int(i % columns);
+        tileContext.tileY = ty0 + int(i / columns);
+        const PxImageResult result = node.getImage(tileContext);
+        // Tiles are disjoint: each writes its own pixels, no lock needed for them.
+        const IxTile& tile = *result.getTile();
+        const GeRectangle<int>& r = tile.getRect();
+        const int x0 = std::max(r.xMin, rect.xMin), x1 = std::min(r.xMax, rect.xMax);
+        for (int y = std::max(r.yMin, rect.yMin); x0 < x1 && y < std::min(r.yMax, rect.yMax); ++y)
+            std::copy(tile.row(y) + (x0 - r.xMin), tile.row(y) + (x1 - r.xMin),
+                      image.pixels.begin() + std::ptrdiff_t(y - rect.yMin) * rect.width() + (x0 - rect.xMin));
+        {
+            std::lock_guard lock(mutex);
+            result.reduceVI(image.validity);
+        }
+        const std::size_t finished = done.fetch_add(1) + 1;
+        // The calling thread takes tiles like every worker; it alone reports, at most 10 times a
+        // second, so the progress callback never runs concurrently with itself.
+        if (_progress && std::this_thread::get_id() == caller) {
+            const auto now = std::chrono::steady_clock::now();
+            if (now - lastReport >= std::chrono::milliseconds(100)) {
+                lastReport = now;
+                _progress(finished, total);
             }
-            changed.notify_one();
         }
     };
 
-    const int workers = int(std::min<std::size_t>(std::size_t(_threads), total));
-    std::vector<std::thread> pool;
-    for (int w = 0; w < workers; ++w) pool.emplace_back(work);
-    if (_progress) {
-        std::unique_lock lock(mutex);
-        while (done < total && !failed.load()) {
-            _progress(done, total);
-            changed.wait_for(lock, std::chrono::milliseconds(100));
-        }
-        if (!failed.load()) _progress(done, total);
-    }
-    for (std::thread& t : pool) t.join();
-    if (firstError) std::rethrow_exception(firstError);
+    // One tile per task, in row-major order. The first exception (ExCancelled from
+    // checkRequest, or any failure) cancels the remaining tiles and is rethrown here by oneTBB.
+    const int concurrency = int(std::min<std::size_t>(std::size_t(_threads), total));
+    // --threads may ask for more threads than cores; oneTBB caps its workers at the core count
+    // unless told. Workers get the main thread's usual 8 MiB of stack (oneTBB's default is 4),
+    // so the deepest script the parser accepts evaluates on a worker as it does on the caller.
+    tbb::global_control parallelism(tbb::global_control::max_allowed_parallelism, std::size_t(concurrency));
+    tbb::global_control stack(tbb::global_control::thread_stack_size, std::size_t(8) << 20);
+    tbb::task_arena arena(concurrency);
+    arena.execute([&] {
+        tbb::parallel_for(tbb::blocked_range<std::size_t>(0, total, 1),
+                          [&](const tbb::blocked_range<std::size_t>& range) {
+                              for (std::size_t i = range.begin(); i != range.end(); ++i) renderTile(i);
+                          },
+                          tbb::simple_partitioner());
+    });
+    if (_progress) _progress(total, total);
     return image;
 }
 

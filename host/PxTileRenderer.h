@@ -1,8 +1,8 @@
 // The host's render loop (the PebController role of Part 6.2, host.md): asks an image node for
-// every tile of a pixel rectangle, on a pool of worker threads, and assembles the tiles into one
+// every tile of a pixel rectangle, in parallel on a oneTBB arena, and assembles the tiles into one
 // image, narrowing the validity interval by every tile's. Cancellation is the request manager's:
 // PxRequestMgr::cancel() makes checkRequest throw ExCancelled in the workers, and render
-// rethrows it. The first exception of any worker ends the render and is rethrown.
+// rethrows it. The first exception of any tile ends the render and is rethrown.
 #pragma once
 
 #include <functional>
@@ -23,7 +23,8 @@ struct PxRenderedImage {
 
 class PxTileRenderer {
 public:
-    // threads < 1: every core. Progress is reported from the calling thread.
+    // threads < 1: every core. Progress is reported from the calling thread, which renders
+    // tiles too.
     explicit PxTileRenderer(int threads = 0);
     void setProgress(std::function<void(std::size_t done, std::size_t total)> progress) { _progress = std::move(progress); }
 
