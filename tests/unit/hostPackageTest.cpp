@@ -4,8 +4,13 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
+#include <set>
+#include <thread>
 
 #include "InBuildInfo.h"
 #include "InPackage.h"
@@ -148,6 +153,85 @@ TEST(HostTileRenderer, ManyTilesOnManyThreadsGiveThePixelsOfOneThread) {
     // Every tile narrows: the last column of tiles is 12, the last row 11.
     EXPECT_EQ(tiled.validity.begin, -100.0 + 12);
     EXPECT_EQ(tiled.validity.end, 100.0 - 11);
+}
+
+// Each tile waits until `expected` distinct threads have entered one, so the render completes
+// only if that many threads really run at once (a timeout turns a shortfall into a failure).
+class RendezvousNode : public CoordinateNode {
+public:
+    explicit RendezvousNode(std::size_t expected) : _expected(expected) {}
+    PxImageResult getImage(const PxImageContext& c) const override {
+        std::unique_lock lock(_mutex);
+        _threads.insert(std::this_thread::get_id());
+        _changed.notify_all();
+        if (!_gaveUp)
+            _gaveUp = !_changed.wait_for(lock, std::chrono::seconds(10), [&] { return _threads.size() >= _expected; });
+        lock.unlock();
+        return CoordinateNode::getImage(c);
+    }
+    std::size_t threadsSeen() const {
+        std::lock_guard lock(_mutex);
+        return _threads.size();
+    }
+
+private:
+    std::size_t _expected;
+    mutable std::mutex _mutex;
+    mutable std::condition_variable _changed;
+    mutable std::set<std::thread::id> _threads;
+    mutable bool _gaveUp = false;
+};
+
+TEST(HostTileRenderer, RunsAsManyThreadsAsAskedEvenAboveTheCoreCount) {
+    RendezvousNode node(6);
+    PxImageContext context;
+    context.tileWidth = 1;
+    context.tileHeight = 1;
+    PxTileRenderer(6).render(node, GeRectangle<int>(0, 6, 0, 4), context);
+    EXPECT_EQ(node.threadsSeen(), 6u);
+}
+
+// Recursion as deep as a deeply nested script's, on whichever thread takes the tile.
+class DeepStackNode : public CoordinateNode {
+public:
+    PxImageResult getImage(const PxImageContext& c) const override {
+        // 5 MiB, more than oneTBB's default 4 MiB worker stack, touched page by page downwards
+        // the way a deep recursion grows, so a short stack meets its guard page.
+        volatile char frame[5 << 20];
+        for (std::size_t i = sizeof frame; i >= 4096; i -= 4096) frame[i - 1] = 1;
+        frame[0] = 1;
+        return CoordinateNode::getImage(c);
+    }
+};
+
+TEST(HostTileRenderer, WorkersHaveTheMainThreadsStackSize) {
+    DeepStackNode node;
+    PxImageContext context;
+    context.tileWidth = 1;
+    context.tileHeight = 1;
+    const PxRenderedImage image = PxTileRenderer(2).render(node, GeRectangle<int>(0, 8, 0, 8), context);
+    EXPECT_EQ(image.at(7, 7), Color(7, 7, 0, 1));
+}
+
+TEST(HostTileRenderer, ProgressStartsAtZeroAndEndsAtTheTotal) {
+    CoordinateNode node;
+    PxImageContext context;
+    context.tileWidth = 2;
+    context.tileHeight = 2;
+    PxTileRenderer renderer(3);
+    std::vector<std::pair<std::size_t, std::size_t>> reports;
+    const std::thread::id caller = std::this_thread::get_id();
+    bool otherThread = false;
+    renderer.setProgress([&](std::size_t done, std::size_t total) {
+        otherThread |= std::this_thread::get_id() != caller;
+        reports.emplace_back(done, total);
+    });
+    renderer.render(node, GeRectangle<int>(0, 10, 0, 10), context);
+    ASSERT_GE(reports.size(), 2u);
+    EXPECT_EQ(reports.front(), std::make_pair(std::size_t(0), std::size_t(25)));
+    EXPECT_EQ(reports.back(), std::make_pair(std::size_t(25), std::size_t(25)));
+    for (std::size_t i = 1; i < reports.size(); ++i) EXPECT_LE(reports[i - 1].first, reports[i].first);
+    EXPECT_FALSE(otherThread);
 }
 
 TEST(HostTileRenderer, CancellationReachesTheCaller) {
