@@ -447,3 +447,20 @@ TEST(KelGrammarStack, LongFlatExpressionsDoNotFillTheStack) {
     for (int i = 0; i < 5000; ++i) sum += " + x";
     expectParses(sum + ";");
 }
+
+// The tree's height is bounded instead (kelParser.cpp): the walks over the tree recurse once
+// per level, so a 1 MB chain used to overflow the stack in check (and in the release of the
+// nodes). The root block, the statement, and one level per operator and the first operand.
+TEST(KelGrammarStack, LongChainsStopAtTheTreeHeight) {
+    const auto chain = [](const std::string& head, const std::string& link, int count) {
+        std::string text = head;
+        for (int i = 0; i < count; ++i) text += link;
+        return text + ";";
+    };
+    expectParses(chain("y = x", " + x", 9997));
+    expectError(chain("y = x", " + x", 9998), "Error: Script too long", 0);
+    expectParses(chain("x", "++", 9998));
+    expectError(chain("x", "++", 9999), "Error: Script too long", 0);
+    // A megabyte of sum is refused, not a crash.
+    expectError(chain("y = x", " + x", 250000), "Error: Script too long", 0);
+}

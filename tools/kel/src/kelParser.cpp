@@ -2,6 +2,7 @@
 // effect; this file says only what the code cannot.
 #include "kelParser.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 
@@ -18,6 +19,18 @@ KelParserProtocol::~KelParserProtocol() {
     while (!_stack.empty()) _stack.pop();
 }
 
+// The tree walks (check, eval, print, and the release of the nodes) recurse once per level; a
+// left-recursive chain (`1 + 1 + ...`, `x++ ++ ...`) takes no parser stack, so without this
+// bound a long one overflows the thread's stack. Far above any script the stack limit lets nest.
+constexpr int kMaxTreeHeight = 10000;
+
+bool KelParserProtocol::push(RCShdPtr<KelSyntaxTree> node, int height) {
+    if (height > kMaxTreeHeight) return addError("Error: Script too long", 0);
+    _stack.push(std::move(node));
+    _heights.push(height);
+    return true;
+}
+
 // The grammar never asks for more than the stack holds; if a broken caller does, it gets the
 // framework's null-pointer failure instead of undefined behaviour.
 const RCShdPtr<KelSyntaxTree>& KelParserProtocol::top() const {
@@ -26,28 +39,37 @@ const RCShdPtr<KelSyntaxTree>& KelParserProtocol::top() const {
 }
 
 RCShdPtr<KelSyntaxTree> KelParserProtocol::pop() {
+    int height;
+    return pop(height);
+}
+
+RCShdPtr<KelSyntaxTree> KelParserProtocol::pop(int& height) {
     RCShdPtr<KelSyntaxTree> node = top();
     _stack.pop();
+    height = _heights.top();
+    _heights.pop();
     return node;
 }
 
 bool KelParserProtocol::assign(const std::string& name, const std::string& op, int line) {
-    RCShdPtr<KelSyntaxTree> value = pop();
-    _stack.push(new AssignNode(name, op, value, line, 1));
-    return true;
+    int height;
+    RCShdPtr<KelSyntaxTree> value = pop(height);
+    return push(new AssignNode(name, op, value, line, 1), height + 1);
 }
 
 bool KelParserProtocol::binaryOp(const std::string& op, int line) {
-    RCShdPtr<KelSyntaxTree> right = pop();
-    RCShdPtr<KelSyntaxTree> left = pop();
-    _stack.push(new BinaryOpNode(op, left, right, line));
-    return true;
+    int rightHeight, leftHeight;
+    RCShdPtr<KelSyntaxTree> right = pop(rightHeight);
+    RCShdPtr<KelSyntaxTree> left = pop(leftHeight);
+    return push(new BinaryOpNode(op, left, right, line), std::max(leftHeight, rightHeight) + 1);
 }
 
 bool KelParserProtocol::setElse(int line) {
-    KelBlockPtr elseBlock = rcCheckedCast<StatementBlockNode>(pop());
-    rcCheckedCast<IfNode>(top())->setElse(elseBlock);
-    return true;
+    int elseHeight, ifHeight;
+    KelBlockPtr elseBlock = rcCheckedCast<StatementBlockNode>(pop(elseHeight));
+    RCShdPtr<KelSyntaxTree> node = pop(ifHeight);
+    rcCheckedCast<IfNode>(node)->setElse(elseBlock);
+    return push(node, std::max(ifHeight, elseHeight + 1));
 }
 
 bool KelParserProtocol::addError(const std::string& text, const std::string& detail, int line) {
@@ -60,57 +82,58 @@ bool KelParserProtocol::addError(const std::string& message, int line) {
 }
 
 bool KelParserProtocol::forLoop(int parts, int line) {
-    KelBlockPtr body = rcCheckedCast<StatementBlockNode>(pop());
+    int bodyHeight, thirdHeight = 0, conditionHeight, firstHeight = 0;
+    KelBlockPtr body = rcCheckedCast<StatementBlockNode>(pop(bodyHeight));
     RCShdPtr<KelSyntaxTree> third;
-    if (parts & 4) third = pop();
-    RCShdPtr<KelSyntaxTree> condition = pop();
+    if (parts & 4) third = pop(thirdHeight);
+    RCShdPtr<KelSyntaxTree> condition = pop(conditionHeight);
     RCShdPtr<KelSyntaxTree> first;
-    if (parts & 1) first = pop();
-    _stack.push(new ForNode(first, condition, third, body, line));
-    return true;
+    if (parts & 1) first = pop(firstHeight);
+    return push(new ForNode(first, condition, third, body, line),
+                std::max({bodyHeight, thirdHeight, conditionHeight, firstHeight}) + 1);
 }
 
 bool KelParserProtocol::functionCall(const std::string& name, int line) {
     KelFunctionTable::Factory factory = KelFunctionTable::lookup(name);
     if (factory == nullptr)
         return addError("Function undefined : " + name + " at line " + LiStringUtil::convertNb(line), line);
-    _stack.push(factory(line));
-    return true;
+    return push(factory(line), 1);
 }
 
 bool KelParserProtocol::addArgument() {
-    RCShdPtr<KelSyntaxTree> argument = pop();
-    rcCheckedCast<FunctionCallNode>(top())->addArgument(argument);
-    return true;
+    int argumentHeight, callHeight;
+    RCShdPtr<KelSyntaxTree> argument = pop(argumentHeight);
+    RCShdPtr<KelSyntaxTree> call = pop(callHeight);
+    rcCheckedCast<FunctionCallNode>(call)->addArgument(argument);
+    return push(call, std::max(callHeight, argumentHeight + 1));
 }
 
 bool KelParserProtocol::functionDeclaration(const std::string& name, int line) {
-    KelBlockPtr body = rcCheckedCast<StatementBlockNode>(pop());
+    int bodyHeight;
+    KelBlockPtr body = rcCheckedCast<StatementBlockNode>(pop(bodyHeight));
     RCShdPtr<FunctionDeclarationNode> function(new FunctionDeclarationNode(name, body, line));
     // Only parameters lie under the block here; popping them reverses them, so `_parameters`
     // holds the last declared first, the order of the check and of the variable ids.
     while (!_stack.empty()) function->addParameter(rcCheckedCast<ParameterNode>(pop()));
-    _stack.push(function);
-    return true;
+    return push(function, std::max(bodyHeight, 1) + 1);
 }
 
 bool KelParserProtocol::ifStatement(int line) {
-    KelBlockPtr thenBlock = rcCheckedCast<StatementBlockNode>(pop());
-    RCShdPtr<KelSyntaxTree> condition = pop();
-    _stack.push(new IfNode(condition, thenBlock, line));
-    return true;
+    int thenHeight, conditionHeight;
+    KelBlockPtr thenBlock = rcCheckedCast<StatementBlockNode>(pop(thenHeight));
+    RCShdPtr<KelSyntaxTree> condition = pop(conditionHeight);
+    return push(new IfNode(condition, thenBlock, line), std::max(thenHeight, conditionHeight) + 1);
 }
 
 bool KelParserProtocol::variableDeclaration(const std::string& type, const std::string& name, bool writable, int line) {
-    _stack.push(new InitVarNode(type, name, writable, line));
-    return true;
+    return push(new InitVarNode(type, name, writable, line), 1);
 }
 
 bool KelParserProtocol::variableInitialisation(const std::string& type, const std::string& name, bool writable,
                                                int line) {
-    RCShdPtr<KelSyntaxTree> value = pop();
-    _stack.push(new InitVarAssignNode(type, name, value, writable, line));
-    return true;
+    int height;
+    RCShdPtr<KelSyntaxTree> value = pop(height);
+    return push(new InitVarAssignNode(type, name, value, writable, line), height + 1);
 }
 
 bool KelParserProtocol::floatLiteral(const std::string& text, int line) {
@@ -124,52 +147,50 @@ bool KelParserProtocol::floatLiteral(const std::string& text, int line) {
         value = std::bit_cast<float>(std::uint32_t(0x34000000));
     else
         value = LiStringUtil::convertToFloat(text);
-    _stack.push(new FloatLiteralNode(value, line));
-    return true;
+    return push(new FloatLiteralNode(value, line), 1);
 }
 
 bool KelParserProtocol::parameter(const std::string& name, const std::string& type, bool isOutput, int line) {
-    _stack.push(new ParameterNode(name, type, isOutput, line));
-    return true;
+    return push(new ParameterNode(name, type, isOutput, line), 1);
 }
 
 bool KelParserProtocol::addStatement(int line) {
-    RCShdPtr<KelSyntaxTree> statement = pop();
+    int statementHeight, blockHeight;
+    RCShdPtr<KelSyntaxTree> statement = pop(statementHeight);
     // The first statement of a script without a function makes the script's block, which stays
     // at the bottom of the stack for good.
     if (_stack.empty()) startBlock(line);
-    rcCheckedCast<StatementBlockNode>(top())->addStatement(statement);
-    return true;
+    RCShdPtr<KelSyntaxTree> block = pop(blockHeight);
+    rcCheckedCast<StatementBlockNode>(block)->addStatement(statement);
+    return push(block, std::max(blockHeight, statementHeight + 1));
 }
 
 bool KelParserProtocol::wrapStatement(int line) {
+    int height;
     RCShdPtr<StatementBlockNode> block(new StatementBlockNode(line));
-    block->addStatement(pop());
-    _stack.push(block);
-    return true;
+    block->addStatement(pop(height));
+    return push(block, height + 1);
 }
 
 bool KelParserProtocol::startBlock(int line) {
-    _stack.push(new StatementBlockNode(line));
-    return true;
+    return push(new StatementBlockNode(line), 1);
 }
 
 bool KelParserProtocol::unaryOp(const std::string& op, int line) {
-    RCShdPtr<KelSyntaxTree> operand = pop();
-    _stack.push(new UnaryOpNode(op, operand, line));
-    return true;
+    int height;
+    RCShdPtr<KelSyntaxTree> operand = pop(height);
+    return push(new UnaryOpNode(op, operand, line), height + 1);
 }
 
 bool KelParserProtocol::variable(const std::string& name, int line) {
-    _stack.push(new VariableNode(name, line));
-    return true;
+    return push(new VariableNode(name, line), 1);
 }
 
 bool KelParserProtocol::whileLoop(int line) {
-    KelBlockPtr body = rcCheckedCast<StatementBlockNode>(pop());
-    RCShdPtr<KelSyntaxTree> condition = pop();
-    _stack.push(new WhileNode(condition, body, line));
-    return true;
+    int bodyHeight, conditionHeight;
+    KelBlockPtr body = rcCheckedCast<StatementBlockNode>(pop(bodyHeight));
+    RCShdPtr<KelSyntaxTree> condition = pop(conditionHeight);
+    return push(new WhileNode(condition, body, line), std::max(bodyHeight, conditionHeight) + 1);
 }
 
 RCShdPtr<KelSyntaxTree> KelParserProtocol::root() {

@@ -85,8 +85,13 @@ public:
 private:
     const RCShdPtr<KelSyntaxTree>& top() const;
     RCShdPtr<KelSyntaxTree> pop();
+    RCShdPtr<KelSyntaxTree> pop(int& height);
+    // Pushes `node`, the root of a tree `height` levels high; a tree too high for the recursive
+    // walks reports "Error: Script too long" at line 0 instead, and returns false.
+    bool push(RCShdPtr<KelSyntaxTree> node, int height);
 
     std::stack<RCShdPtr<KelSyntaxTree>, std::deque<RCShdPtr<KelSyntaxTree>>> _stack;
+    std::stack<int, std::vector<int>> _heights;  // beside _stack: each tree's height
     Vector<PebError>* _errors;
 };
 
