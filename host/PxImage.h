@@ -158,6 +158,19 @@ struct SdTextureParams {
 class SdTextureSampler : public RCBase<LkCounter<int>> {
 public:
     virtual void sampleAt(Color& result, const double coords[2], const GeLinearMatrix2<double>& derivatives) const = 0;
+    // A row at once (issue 8: no virtual call per pixel): out[x] = sampleAt((xs[x], ys[x])) with
+    // no derivatives, for x in [lo, hi) where `active` is null or active[x] is not 0.0. The
+    // pointers are biased like IxScanline::data(). A sampler may override it with a faster loop
+    // that gives the same colours.
+    virtual void sampleRow(Color* out, const float* xs, const float* ys, const float* active, int lo, int hi) const {
+        GeLinearMatrix2<double> none;
+        none.setIdentity();
+        for (int x = lo; x < hi; ++x) {
+            if (active && active[x] == 0.0f) continue;
+            const double coords[2] = {double(xs[x]), double(ys[x])};
+            sampleAt(out[x], coords, none);
+        }
+    }
     // Called for each ordered pair of distinct samplers of one tile (Part 1.2 step 17).
     virtual void linkSampler(const RCStrongPtr<const SdTextureSampler>& other) const {}
 };
