@@ -27,6 +27,19 @@ RCShdPtr<KelValue> sampleAtCoordinates(const FunctionCallNode& node, KelContext&
     IxScanline<Zt::Color>& out = result->getScanline();
     const KelMask& mask = context.getMask();
     const float* ids = image->getScanline().data();
+    if (image->isUniform() && out.minimum() < out.maximum()) {
+        // One image for the whole row: its sampler takes the row at once (issue 8).
+        const KelImageEntry& entry = context.getImage(imageId(ids[out.minimum()]));
+        const IxScanline<float>* active = mask.activeScanline();
+        if (entry.sampler) {
+            entry.sampler->sampleRow(out.data(), xs->getScanline().data(), ys->getScanline().data(),
+                                     active ? active->data() : nullptr, out.minimum(), out.maximum());
+        } else {
+            for (int x = out.minimum(); x < out.maximum(); ++x)
+                if (!active || active->data()[x] != 0.0f) out.data()[x] = kOpaqueBlack;
+        }
+        return result;
+    }
     for (int x = out.minimum(); x < out.maximum(); ++x) {
         if (mask.isActive(x) == 0.0f) continue;
         const KelImageEntry& entry = context.getImage(imageId(ids[x]));
