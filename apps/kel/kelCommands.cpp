@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
@@ -262,6 +263,11 @@ int render(PebController& controller, const Invocation& in, const Script& script
         else
             rod.rect = first->getROD(context).rect;
 
+        // The rendered image and the file's buffer, refused before the size overflows an int.
+        const double scale = 1.0 / double(1 << in.scaleLevel);
+        checkFitsInMemory("cannot render " + expand(in.outputPath, frame),
+                          (long long)std::ceil(double(rod.rect.width()) / format.aspect() * scale),
+                          (long long)std::ceil(double(rod.rect.height()) * scale), 2 * sizeof(Color));
         const PxNodePtr<const PxImageProtocol> node = controller.createModifierProcNode(inputs, values, rod, format);
         const GeRectangle<int> rect =
             PxImageProtocol::nominalToPixelized(rod.rect, format.aspect(), 1.0f / float(1 << in.scaleLevel));
@@ -345,6 +351,9 @@ int runCommand(const Invocation& in) {
         return render(controller, in, script);
     } catch (const FileError& e) {
         std::cerr << "kel: " << e.what() << "\n";
+        return kExitUsage;
+    } catch (const std::bad_alloc&) {
+        std::cerr << "kel: out of memory\n";
         return kExitUsage;
     } catch (const ExCancelled& e) {
         std::cerr << "kel: render cancelled\n";

@@ -1,11 +1,17 @@
 #include "kelImageFiles.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
 #include <atomic>
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <new>
 
 namespace Zt::KelApp {
 
@@ -32,16 +38,78 @@ IxPixelFormat aspectFormat(double aspect) {
     return best;
 }
 
+namespace {
+
+// OpenImageIO's messages may span lines; cli.md wants one line per message.
+std::string oneLine(std::string text) {
+    for (char& c : text)
+        if (c == '\n' || c == '\r') c = ';';
+    while (!text.empty() && (text.back() == ';' || text.back() == ' ')) text.pop_back();
+    return text.empty() ? "unknown failure" : text;
+}
+
+// libpng and libtiff print their own warnings and errors on standard error, beside the one
+// line kel reports: silenced while a file is decoded (on the application thread, before the
+// render, so nothing else writes there meanwhile).
+class QuietStandardError {
+public:
+    QuietStandardError() {
+        std::fflush(stderr);
+        _saved = dup(STDERR_FILENO);
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (null >= 0) {
+            dup2(null, STDERR_FILENO);
+            close(null);
+        }
+    }
+    ~QuietStandardError() {
+        std::fflush(stderr);
+        if (_saved >= 0) {
+            dup2(_saved, STDERR_FILENO);
+            close(_saved);
+        }
+    }
+    QuietStandardError(const QuietStandardError&) = delete;
+    QuietStandardError& operator=(const QuietStandardError&) = delete;
+
+private:
+    int _saved;
+};
+
+}  // namespace
+
+void checkFitsInMemory(const std::string& what, long long width, long long height, long long bytesPerPixel) {
+    const long long pages = sysconf(_SC_PHYS_PAGES), pageSize = sysconf(_SC_PAGESIZE);
+    const double available = pages > 0 && pageSize > 0 ? double(pages) * double(pageSize) : 0x1p40;
+    const double needed = double(width) * double(height) * double(bytesPerPixel);
+    if (needed > available)
+        throw FileError(what + ": " + std::to_string(width) + "x" + std::to_string(height) + " pixels need " +
+                        std::to_string((long long)(needed / 1048576.0)) + " MiB, more than the machine's memory of " +
+                        std::to_string((long long)(available / 1048576.0)) + " MiB");
+}
+
 PxNodePtr<PxMemoryImage> readImage(const std::string& path, const PxValidityInterval& validity) {
+    const QuietStandardError quiet;
     auto in = ImageInput::open(path);
-    if (!in) throw FileError("cannot read " + path + ": " + OIIO::geterror());
+    if (!in) throw FileError("cannot read " + path + ": " + oneLine(OIIO::geterror()));
     const ImageSpec& spec = in->spec();
     const int width = spec.width, height = spec.height, channels = spec.nchannels;
-    std::vector<float> data(std::size_t(width) * std::size_t(height) * std::size_t(channels));
-    if (width <= 0 || height <= 0 || channels <= 0 ||
-        !in->read_image(0, 0, 0, channels, TypeDesc::FLOAT, data.data()))
-        throw FileError("cannot read " + path + ": " + in->geterror());
-    std::vector<Color> pixels(std::size_t(width) * std::size_t(height));
+    if (width <= 0 || height <= 0 || channels <= 0)
+        throw FileError("cannot read " + path + ": it has no pixels (" + std::to_string(width) + "x" +
+                        std::to_string(height) + ", " + std::to_string(channels) + " channels)");
+    // The file's data as floats, then the RGBA image: refused before either is allocated.
+    checkFitsInMemory("cannot read " + path, width, height, 4LL * channels + sizeof(Color));
+    std::vector<float> data;
+    std::vector<Color> pixels;
+    try {
+        data.resize(std::size_t(width) * std::size_t(height) * std::size_t(channels));
+        pixels.resize(std::size_t(width) * std::size_t(height));
+    } catch (const std::bad_alloc&) {
+        throw FileError("cannot read " + path + ": not enough memory for " + std::to_string(width) + "x" +
+                        std::to_string(height) + " pixels");
+    }
+    if (!in->read_image(0, 0, 0, channels, TypeDesc::FLOAT, data.data()))
+        throw FileError("cannot read " + path + ": " + oneLine(in->geterror()));
     for (int row = 0; row < height; ++row) {
         // Files keep the top row first; the host counts rows from the bottom.
         const float* src = data.data() + std::size_t(row) * std::size_t(width) * std::size_t(channels);
@@ -60,7 +128,7 @@ PxNodePtr<PxMemoryImage> readImage(const std::string& path, const PxValidityInte
 }
 
 void checkWritable(const std::string& path) {
-    if (!ImageOutput::create(path)) throw FileError("cannot write " + path + ": " + OIIO::geterror());
+    if (!ImageOutput::create(path)) throw FileError("cannot write " + path + ": " + oneLine(OIIO::geterror()));
     const fs::path directory = fs::absolute(fs::path(path)).parent_path();
     std::error_code error;
     if (!fs::is_directory(directory, error)) throw FileError("cannot write " + path + ": no directory " + directory.string());
@@ -85,6 +153,48 @@ TypeDesc fileType(const std::string& formatName) {
     return TypeDesc::UINT8;
 }
 
+// Writes `bytes` to a new file at `path`, checking every write and the final close: a full disk
+// (ENOSPC, or EFBIG past a file-size limit) is an error, never a short file.
+bool writeBytes(const fs::path& path, const std::vector<unsigned char>& bytes, std::string& reason) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        reason = std::strerror(errno);
+        return false;
+    }
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            reason = std::strerror(n < 0 ? errno : ENOSPC);
+            close(fd);
+            return false;
+        }
+        done += std::size_t(n);
+    }
+    if (fsync(fd) != 0 && errno != EINVAL) {
+        reason = std::strerror(errno);
+        close(fd);
+        return false;
+    }
+    if (close(fd) != 0) {
+        reason = std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+// A writer that can't encode into memory writes the file itself, without checking its writes:
+// the file is read back whole, so that a short file is caught.
+bool readsBack(const fs::path& path) {
+    const QuietStandardError quiet;
+    auto in = ImageInput::open(path.string());
+    if (!in) return false;
+    const ImageSpec& spec = in->spec();
+    std::vector<float> data(std::size_t(spec.width) * std::size_t(spec.height) * std::size_t(spec.nchannels));
+    return in->read_image(0, 0, 0, spec.nchannels, TypeDesc::FLOAT, data.data());
+}
+
 }  // namespace
 
 void writeImageAtomically(const std::string& path, const PxRenderedImage& image, const IxPixelFormat& format) {
@@ -105,15 +215,23 @@ void writeImageAtomically(const std::string& path, const PxRenderedImage& image,
         for (int x = image.rect.xMin; x < image.rect.xMax; ++x, dst += channels)
             for (int c = 0; c < channels; ++c) dst[c] = image.at(x, y)[c];
     }
-    const bool written = out->open(temporary.string(), spec) && out->write_image(TypeDesc::FLOAT, data.data()) && out->close();
+    // Encoded into memory when the format allows it, and then written with checked writes.
+    std::vector<unsigned char> encoded;
+    OIIO::Filesystem::IOVecOutput memory(encoded);
+    const bool inMemory = out->supports("ioproxy") && out->set_ioproxy(&memory);
+    bool written = out->open(temporary.string(), spec) && out->write_image(TypeDesc::FLOAT, data.data()) && out->close();
+    std::string reason = written ? "" : oneLine(out->geterror());
+    out.reset();
+    if (written && inMemory) written = writeBytes(temporary, encoded, reason);
+    if (written && !inMemory && !readsBack(temporary)) {
+        written = false;
+        reason = "the file written is incomplete (is the disk full?)";
+    }
     std::error_code error;
     if (!written) {
-        const std::string reason = out->geterror();
-        out.reset();
         fs::remove(temporary, error);
         throw FileError("cannot write " + path + ": " + reason);
     }
-    out.reset();
     fs::rename(temporary, target, error);
     if (error) {
         std::error_code ignored;

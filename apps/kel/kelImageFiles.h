@@ -22,6 +22,11 @@ struct FileError : std::runtime_error {
 // most 1000 closest to `aspect` (2 gives 2/1, 0.9 gives 9/10).
 IxPixelFormat aspectFormat(double aspect);
 
+// Refuses, before allocating, an image of width x height pixels of `bytesPerPixel` that can't
+// fit in the machine's physical memory: FileError(what + ": ...").
+void checkFitsInMemory(const std::string& what, long long width, long long height, long long bytesPerPixel);
+
+// FileError for a file that can't be opened or decoded, has no pixels, or won't fit in memory.
 PxNodePtr<PxMemoryImage> readImage(const std::string& path, const PxValidityInterval& validity);
 
 // Checks, before a render, that `path` can be written: its extension names a format that
