@@ -11,16 +11,32 @@ using namespace Zt::KelApp;
 
 namespace {
 
-void addScriptOptions(CLI::App& command, Invocation& in) {
-    command.add_option("SCRIPT", in.scriptPath, "the script file");
-    command.add_option("-e", in.scriptText, "the script text itself");
-    for (const char* name : {"-i", "-f", "-c"})
-        command.add_option(name, [](const CLI::results_t&) { return true; })
+// The script and the node's parameter list (cli.md), shared by render, check and print.
+void addScriptOptions(CLI::App& command, Invocation& in, bool imageNeedsFile) {
+    command.add_option("SCRIPT", in.scriptPath, "the script file, read as bytes")->type_name("FILE")->group("Script");
+    command.add_option("-e", in.scriptText, "the script text itself, instead of SCRIPT (named <script> in messages)")
+        ->type_name("TEXT")->group("Script");
+    const std::string image = imageNeedsFile ? "an image input; FILE is required here (any format OpenImageIO reads)"
+                                             : "an image input; FILE is not needed here";
+    const struct {
+        const char* name;
+        const char* type;
+        std::string description;
+    } parameters[] = {{"-i", "NAME[=FILE]", image},
+                      {"-f", "NAME[=VALUE]", "a float input; VALUE defaults to 0"},
+                      {"-c", "NAME[=R,G,B,A]", "a colour input (accepted; the engine gives it no value)"}};
+    for (const auto& p : parameters)
+        command.add_option(p.name, [](const CLI::results_t&) { return true; })
             ->type_size(1)->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-            ->description(name[1] == 'i' ? "NAME[=FILE]: an image input" : name[1] == 'f' ? "NAME[=VALUE]: a float input"
-                                                                                        : "NAME[=R,G,B,A]: a colour input");
-    command.add_option("--out", in.outputName, "the output's name (default out)");
+            ->type_name(p.type)->description(p.description)->group("Parameters, in command-line order");
+    command.add_option("--out", in.outputName, "the name of the output, a varying colour output, last in the list; default out")
+        ->type_name("NAME")->group("Parameters, in command-line order");
 }
+
+const char* const kParametersFooter =
+    "The parameter list is the -i, -f and -c options in the order given, then the output;\n"
+    "the script sees them under their names. Errors are printed to standard error as\n"
+    "SCRIPT:LINE: MESSAGE followed by the line (SCRIPT: MESSAGE for line 0).";
 
 // -i, -f and -c in command-line order: the parameter list's order (cli.md).
 void collectParameters(CLI::App& command, Invocation& in) {
@@ -40,34 +56,78 @@ void collectParameters(CLI::App& command, Invocation& in) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"kel: render KEL effect scripts over image files"};
+    CLI::App app{"kel: compile KEL effect scripts against a parameter list, and render them over image files"};
     app.require_subcommand(1);
     Invocation in;
     std::string size, frames, pixelAspect, threads, tile, timeout, scaleLevel, time;
 
-    CLI::App* render = app.add_subcommand("render", "compile the script and write the output image (or sequence)");
-    addScriptOptions(*render, in);
-    render->add_option("-o", in.outputPath, "the output file")->required();
-    render->add_option("--size", size, "WxH: the output's size when there is no image input");
-    render->add_option("--time", time, "the context's time, the value of t (default 0)");
-    render->add_option("--frames", frames, "A-B: render frames A to B; # or %0Nd in paths is the frame");
-    render->add_option("--scale-level", scaleLevel, "render at a scale of 1/2^N");
-    render->add_option("--pixel-aspect", pixelAspect, "N/D: the output's pixel aspect");
-    render->add_option("--threads", threads, "worker threads (default: all cores)");
-    render->add_option("--tile", tile, "WxH: the tile size in pixels");
-    render->add_option("--timeout", timeout, "cancel the render after that many seconds");
-    render->add_flag("--json", in.json, "print a JSON report on standard output");
-    render->add_flag("--dump", in.dump, "with --json: include every output pixel");
+    CLI::App* render = app.add_subcommand(
+        "render", "kel render (SCRIPT | -e TEXT) [PARAMETERS] -o OUTPUT [OPTIONS]\n"
+                  "Compile the script and write the output image (or a sequence with --frames).");
+    addScriptOptions(*render, in, true);
+    const char* const options = "Render options";
+    render->add_option("-o", in.outputPath,
+                       "the output file; the format follows the extension (.exr: 32-bit float RGBA)")
+        ->type_name("FILE")->required()->group(options);
+    render->add_option("--size", size,
+                       "the output's full-resolution size in pixels; required when there is no image input, which "
+                       "otherwise gives the size")
+        ->type_name("WxH")->group(options);
+    render->add_option("--time", time, "the context's time, the value of t; default 0")->type_name("T")->group(options);
+    render->add_option("--frames", frames,
+                       "render frames A to B, the time being the frame number; # (one per digit) or %0Nd in -i and "
+                       "-o paths stand for the frame number")
+        ->type_name("A-B")->group(options);
+    render->add_option("--scale-level", scaleLevel, "render at a scale of 1/2^N (a proxy); default 0")
+        ->type_name("N")->group(options);
+    render->add_option("--pixel-aspect", pixelAspect,
+                       "the pixel aspect of the output format; default: the first image input's (each input keeps "
+                       "its own), else 1")
+        ->type_name("N/D")->group(options);
+    render->add_option("--threads", threads, "worker threads; default: all cores")->type_name("N")->group(options);
+    render->add_option("--tile", tile, "the tile size in pixels; default 1024x16")->type_name("WxH")->group(options);
+    render->add_option("--timeout", timeout, "cancel the render after that long (exit status 3, nothing written)")
+        ->type_name("SECONDS")->group(options);
+    render->add_flag("--json", in.json,
+                     "print a JSON report on standard output instead of human text: ok, errors, width, height, "
+                     "validity (frames: a list of such reports)")
+        ->group(options);
+    render->add_flag("--dump", in.dump, "with --json: include every output pixel, rows from the bottom up, as [r, g, b, a]")
+        ->group(options);
+    render->footer(std::string(kParametersFooter) +
+                   "\n\nNothing is written to the output unless the render succeeds; a failed or cancelled render\n"
+                   "leaves an earlier file untouched, and rendering over an input is refused. A long render\n"
+                   "shows a progress bar on standard error when it is a terminal.\n\n"
+                   "Exit status: 0 written, 1 script refused, 2 usage or file error, 3 cancelled.\n\n"
+                   "Example: kel render grade.kel -i src=plate.exr -f gain=1.5 -o graded.exr");
 
-    CLI::App* check = app.add_subcommand("check", "compile only and report");
-    addScriptOptions(*check, in);
-    check->add_flag("--json", in.json, "print a JSON report on standard output");
+    CLI::App* check = app.add_subcommand("check", "kel check (SCRIPT | -e TEXT) [PARAMETERS] [--json]\n"
+                                                  "Compile only, and report the errors.");
+    addScriptOptions(*check, in, false);
+    check->add_flag("--json", in.json,
+                    "print a JSON report on standard output: {\"ok\": true|false, \"errors\": [{\"line\": N, \"message\": TEXT}]}")
+        ->group("Report");
+    check->footer(std::string(kParametersFooter) +
+                  "\n\nExit status 0 when the script compiles (errors listed then are warnings), 1 when it is\n"
+                  "refused, 2 for a usage error or an unreadable script.");
 
-    CLI::App* print = app.add_subcommand("print", "compile and print the tree");
-    addScriptOptions(*print, in);
+    CLI::App* print = app.add_subcommand("print", "kel print (SCRIPT | -e TEXT) [PARAMETERS]\n"
+                                                  "Compile and, on success, write the script's syntax tree to standard output.");
+    addScriptOptions(*print, in, false);
+    print->footer(kParametersFooter);
 
-    app.add_subcommand("tools", "list the tools of the loaded packages");
-    app.add_subcommand("version", "print the build record");
+    app.add_subcommand("tools", "kel tools\nList the tools that the loaded packages registered: name, display name and "
+                                "description, one tool a line, tab-separated.");
+    app.add_subcommand("version", "kel version\nPrint the build record of the KEL plug-in, one field a line.");
+
+    app.footer("Run kel COMMAND --help for the options of a command.\n\n"
+               "Exit status:\n"
+               "  0  success (check: also when the errors listed are only warnings)\n"
+               "  1  the script was refused: it does not compile\n"
+               "  2  a usage error, or a file that can't be read or written\n"
+               "  3  the render was cancelled (--timeout, or an interrupt)\n\n"
+               "Plug-ins are loaded from the directories of KEL_PLUGIN_PATH (colon-separated), by default\n"
+               "from ../plugins beside the kel executable. The language: docs/language.md.");
 
     try {
         app.parse(argc, argv);
