@@ -223,8 +223,6 @@ int render(PebController& controller, const Invocation& in, const Script& script
     printErrors(script, controller.getErrors());
 
     PxRequestMgr& requests = PxRequestMgr::getInstance();
-    requests.reset();
-    std::signal(SIGINT, onInterrupt);
     Watchdog watchdog(in.timeout);
     PxTileRenderer renderer(in.threads);
     ProgressBar bar(frames.size());
@@ -340,6 +338,12 @@ int runVersion() {
 
 int runCommand(const Invocation& in) {
     PiAppThread::setCurrent();
+    // From here on an interrupt cancels a render, also one that comes before the render starts
+    // (while plug-ins load, the script compiles or inputs are read): it exits 3 (cli.md).
+    if (in.command == "render") {
+        PxRequestMgr::getInstance().reset();
+        std::signal(SIGINT, onInterrupt);
+    }
     try {
         if (in.command == "tools") return runTools();
         if (in.command == "version") return runVersion();
