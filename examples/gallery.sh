@@ -39,10 +39,13 @@ echo
 for script in "$here"/*.kel; do
   name=$(basename "$script" .kel)
   args=$(sed -n 's|^// args: ||p' "$script" | head -n 1)
-  echo "### $name"
+  # The leading comment reads "Title: what it does."
+  about=$(sed -n '/^\/\/ args:/q; s|^// \{0,1\}||p' "$script" | tr '\n' ' ' | sed 's/ $//')
+  title=${about%%:*}
+  text=${about#*: }
+  echo "### $title"
   echo
-  sed -n '/^\/\/ args:/q; s|^// \{0,1\}||p' "$script" | tr '\n' ' ' | sed 's/ $//'
-  echo
+  echo "${text^}"
   echo
   echo "    kel render examples/$name.kel ${args//@/renders/inputs/} -o $name.png"
   echo
