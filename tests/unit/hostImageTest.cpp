@@ -247,13 +247,14 @@ TEST(HostSampler, ReadsTheCurrentPixelAtEveryScaleAndAspect) {
 }
 
 TEST(HostSampler, FetchesTilesOnlyWhenASampleTouchesThemAndOnce) {
-    RCShdPtr<CountingImage> counted(new CountingImage(memoryImage(200, 3, coordinatePixels())));
+    // Wide enough that x = 450 lies in another sampler tile (256 columns wide, PxImageTexture.cpp).
+    RCShdPtr<CountingImage> counted(new CountingImage(memoryImage(600, 3, coordinatePixels())));
     auto s = samplerOf(PxNodePtr<const PxImageProtocol>(counted.get()));
     EXPECT_EQ(counted->imageCalls.load(), 0);
     sampleAt(*s, 10, 1);
     sampleAt(*s, 20.5, 1.5);
     EXPECT_EQ(counted->imageCalls.load(), 1);
-    sampleAt(*s, 150, 1);
+    sampleAt(*s, 450, 1);
     EXPECT_EQ(counted->imageCalls.load(), 2);
     sampleAt(*s, -50, 1);  // outside: no fetch
     EXPECT_EQ(counted->imageCalls.load(), 2);
