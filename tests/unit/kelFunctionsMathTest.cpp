@@ -1,7 +1,9 @@
 // Part 5.1: math functions, driven through FunctionNode<F>::eval over small contexts.
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 
 #include "kelFunctionTestSupport.h"
@@ -40,31 +42,38 @@ float two(float a, float b) { return eval2<F>({a}, {b})[0]; }
 TEST(KelFunctionsMath, FormulasOfTheTable) {
     const std::vector<float> xs = {-2.5f, -0.75f, -0.0f, 0.0f, 0.3f, 0.5f, 1.0f, 2.5f, 7.25f};
     const std::vector<float> ys = {1.5f, -2.0f, 3.0f, -0.5f, 2.0f, 0.25f, -1.0f, 4.0f, -3.5f};
-    auto check1 = [&](auto tag, float (*f)(float), const char* name) {
+    // Part 5.1: "required to the accuracy of such a library, not to the last bit": sin, cos and
+    // atan2 take the C library's vector functions for whole rows (issue 8), a few ulps from the
+    // scalar ones; the other formulas are compared bit for bit.
+    auto withinUlps = [](float got, float want, int ulps) {
+        if (ulps == 0 || std::isnan(got) || std::isnan(want) || std::signbit(got) != std::signbit(want)) return false;
+        return std::abs(std::bit_cast<int32_t>(got) - std::bit_cast<int32_t>(want)) <= ulps;
+    };
+    auto check1 = [&](auto tag, float (*f)(float), const char* name, int ulps = 0) {
         using F = decltype(tag);
         std::vector<float> got = eval1<F>(xs);
         for (std::size_t i = 0; i < xs.size(); ++i) {
             float want = f(xs[i]);
-            EXPECT_TRUE(sameBits(got[i], want) || (std::isnan(got[i]) && std::isnan(want)))
+            EXPECT_TRUE(sameBits(got[i], want) || (std::isnan(got[i]) && std::isnan(want)) || withinUlps(got[i], want, ulps))
                 << name << "(" << xs[i] << ") gave " << got[i] << ", want " << want;
         }
     };
-    auto check2 = [&](auto tag, float (*f)(float, float), const char* name) {
+    auto check2 = [&](auto tag, float (*f)(float, float), const char* name, int ulps = 0) {
         using F = decltype(tag);
         std::vector<float> got = eval2<F>(xs, ys);
         for (std::size_t i = 0; i < xs.size(); ++i) {
             float want = f(xs[i], ys[i]);
-            EXPECT_TRUE(sameBits(got[i], want) || (std::isnan(got[i]) && std::isnan(want)))
+            EXPECT_TRUE(sameBits(got[i], want) || (std::isnan(got[i]) && std::isnan(want)) || withinUlps(got[i], want, ulps))
                 << name << "(" << xs[i] << ", " << ys[i] << ") gave " << got[i] << ", want " << want;
         }
     };
-    check1(FunctionSin(), [](float a) { return sinf(a); }, "sin");
-    check1(FunctionCos(), [](float a) { return cosf(a); }, "cos");
+    check1(FunctionSin(), [](float a) { return sinf(a); }, "sin", 4);
+    check1(FunctionCos(), [](float a) { return cosf(a); }, "cos", 4);
     check1(FunctionTan(), [](float a) { return tanf(a); }, "tan");
     check1(FunctionASin(), [](float a) { return asinf(a); }, "asin");
     check1(FunctionACos(), [](float a) { return acosf(a); }, "acos");
     check1(FunctionATan(), [](float a) { return atanf(a); }, "atan");
-    check2(FunctionATan2(), [](float a, float b) { return atan2f(a, b); }, "atan2");
+    check2(FunctionATan2(), [](float a, float b) { return atan2f(a, b); }, "atan2", 4);
     check1(FunctionSinh(), [](float a) { return sinhf(a); }, "sinh");
     check1(FunctionCosh(), [](float a) { return coshf(a); }, "cosh");
     check1(FunctionTanh(), [](float a) { return tanhf(a); }, "tanh");
