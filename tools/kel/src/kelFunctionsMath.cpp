@@ -5,7 +5,9 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <type_traits>
 
+#include "IxVectorMath.h"
 #include "kelFunctions.h"
 
 namespace Zt {
@@ -81,6 +83,18 @@ void applyAll(float* d, const std::array<const float*, N>& a, int lo, int hi) {
     }
 }
 
+// Every column active, and a row function of the C library's vector math for Op: the whole row
+// at once (issue 8), to the C library's accuracy. False when Op has none.
+template <class Op, std::size_t N>
+bool applyRow(float* d, const std::array<const float*, N>& a, int lo, int hi) {
+    const int n = hi - lo;
+    if constexpr (std::is_same_v<Op, KelMathOps::Sin>) IxVectorMath::sin(d + lo, a[0] + lo, n);
+    else if constexpr (std::is_same_v<Op, KelMathOps::Cos>) IxVectorMath::cos(d + lo, a[0] + lo, n);
+    else if constexpr (std::is_same_v<Op, KelMathOps::ATan2>) IxVectorMath::atan2(d + lo, a[0] + lo, a[1] + lo, n);
+    else return false;
+    return true;
+}
+
 }  // namespace
 
 template <class Op>
@@ -104,6 +118,7 @@ RCShdPtr<KelValue> KelMathFunction<Op>::eval(const FunctionCallNode& node, KelCo
     KelFloatPtr result = context.newFloat(0);
     IxScanline<float>& out = result->getScanline();
     const KelMask& mask = context.getMask();
+    if (mask.allActive() && applyRow<Op>(out.data(), rows, out.minimum(), out.maximum())) return result;
     if (mask.allActive())
         applyAll<Op>(out.data(), rows, out.minimum(), out.maximum());
     else
