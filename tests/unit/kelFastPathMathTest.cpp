@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "IxVectorMath.h"
+#include "kelEvalTestSupport.h"
 #include "kelFunctionTestSupport.h"
 
 using namespace Zt;
@@ -104,6 +105,48 @@ TEST(KelFastPathMath, AColumnsResultDoesNotDependOnTheRowsLengthOrStart) {
                     << "atan2, start " << start << " length " << length << " column " << i;
             }
         }
+}
+
+}  // namespace
+
+namespace {
+
+// Through the interpreter: a pixel's sin is the same whether its row's mask is full or partial,
+// and whatever the tile width (the row path is taken for every row).
+TEST(KelFastPathMath, APixelsValueDoesNotDependOnTheMaskOrTheTiling) {
+    using namespace Zt::test;
+    constexpr int width = 61, height = 4;
+    const KelInterpreter interpreter;
+    const Vector<PebParameterInfo> params{colorOutput("out")};
+    RCShdPtr<PebRunInfo> runInfo = interpreter.createRunInfo(params);
+    Vector<PebError> errors;
+    ASSERT_TRUE(interpreter.parse("float s = 0; if (x > 20 + y) s = sin(x * 0.731 + y * 9.1); "
+                                  "out = color(s, sin(x * 0.731 + y * 9.1), atan2(y - 3, x - 40), cos(x * 3.3));",
+                                  runInfo, &errors));
+    auto render = [&](int tileWidth) {
+        std::vector<Color> pixels(std::size_t(width) * height);
+        for (int tx = 0; tx * tileWidth < width; ++tx) {
+            PxImageResult r = interpreter.eval(runInfo, {}, {}, rodOf(width, height), IxPixelFormat{},
+                                               tileContext(tx, 0, tileWidth, height));
+            for (int y = 0; y < height; ++y)
+                for (int x = tx * tileWidth; x < std::min(width, (tx + 1) * tileWidth); ++x)
+                    pixels[std::size_t(y) * width + std::size_t(x)] = pixelOf(r, x, y);
+        }
+        return pixels;
+    };
+    const std::vector<Color> whole = render(width);
+    for (int y = 0; y < height; ++y)
+        for (int x = 21 + y; x < width; ++x) {
+            const Color& c = whole[std::size_t(y) * width + std::size_t(x)];
+            EXPECT_EQ(std::bit_cast<uint32_t>(c.r), std::bit_cast<uint32_t>(c.g)) << x << ", " << y;
+        }
+    for (int tileWidth : {1, 7, 16}) {
+        const std::vector<Color> tiled = render(tileWidth);
+        for (std::size_t i = 0; i < whole.size(); ++i)
+            for (int k = 0; k < 4; ++k)
+                EXPECT_EQ(std::bit_cast<uint32_t>(tiled[i][k]), std::bit_cast<uint32_t>(whole[i][k]))
+                    << "tile width " << tileWidth << " pixel " << i << " channel " << k;
+    }
 }
 
 }  // namespace

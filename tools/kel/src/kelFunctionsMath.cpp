@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <type_traits>
+#include <vector>
 
 #include "IxVectorMath.h"
 #include "kelFunctions.h"
@@ -83,16 +84,32 @@ void applyAll(float* d, const std::array<const float*, N>& a, int lo, int hi) {
     }
 }
 
-// Every column active, and a row function of the C library's vector math for Op: the whole row
-// at once (issue 8), to the C library's accuracy. False when Op has none.
+template <class Op>
+constexpr bool hasRowFunction() {
+    return std::is_same_v<Op, KelMathOps::Sin> || std::is_same_v<Op, KelMathOps::Cos> || std::is_same_v<Op, KelMathOps::ATan2>;
+}
+
+// Op's row function of the C library's vector math (issue 8), to the C library's accuracy.
+// Every column of a row goes through it, active or not, so that a pixel's value does not depend
+// on the mask of its row (nor on the tiling, IxVectorMath.h).
 template <class Op, std::size_t N>
-bool applyRow(float* d, const std::array<const float*, N>& a, int lo, int hi) {
+void applyRow(float* d, const std::array<const float*, N>& a, int lo, int hi) {
     const int n = hi - lo;
     if constexpr (std::is_same_v<Op, KelMathOps::Sin>) IxVectorMath::sin(d + lo, a[0] + lo, n);
     else if constexpr (std::is_same_v<Op, KelMathOps::Cos>) IxVectorMath::cos(d + lo, a[0] + lo, n);
-    else if constexpr (std::is_same_v<Op, KelMathOps::ATan2>) IxVectorMath::atan2(d + lo, a[0] + lo, a[1] + lo, n);
-    else return false;
-    return true;
+    else IxVectorMath::atan2(d + lo, a[0] + lo, a[1] + lo, n);
+}
+
+// A partial mask: the row function into a scratch row of this thread, kept from call to call,
+// then stored at the active columns only.
+template <class Op, std::size_t N>
+void applyRowMasked(float* d, const std::array<const float*, N>& a, const float* mask, int lo, int hi) {
+    thread_local std::vector<float> scratch;
+    if (scratch.size() < std::size_t(hi - lo)) scratch.resize(std::size_t(hi - lo));
+    float* s = scratch.data() - lo;
+    applyRow<Op>(s, a, lo, hi);
+    for (int x = lo; x < hi; ++x)
+        if (mask[x] != 0.0f) d[x] = s[x];
 }
 
 }  // namespace
@@ -118,7 +135,11 @@ RCShdPtr<KelValue> KelMathFunction<Op>::eval(const FunctionCallNode& node, KelCo
     KelFloatPtr result = context.newFloat(0);
     IxScanline<float>& out = result->getScanline();
     const KelMask& mask = context.getMask();
-    if (mask.allActive() && applyRow<Op>(out.data(), rows, out.minimum(), out.maximum())) return result;
+    if constexpr (hasRowFunction<Op>()) {
+        if (mask.allActive()) applyRow<Op>(out.data(), rows, out.minimum(), out.maximum());
+        else applyRowMasked<Op>(out.data(), rows, mask.getScanline().data(), out.minimum(), out.maximum());
+        return result;
+    }
     if (mask.allActive())
         applyAll<Op>(out.data(), rows, out.minimum(), out.maximum());
     else
