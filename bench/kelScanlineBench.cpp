@@ -42,6 +42,9 @@ BENCHMARK(BM_Binary<Color, Color, Color, &IxScanlineUtil::multiplyScanlines<Colo
 BENCHMARK(BM_Binary<Color, Color, float, &IxScanlineUtil::multiplyScanlines<Color, Color, float>>)->Name("mul<C,C,f>");
 BENCHMARK(BM_Binary<float, float, float, &IxScanlineUtil::lessThanScanlines>)->Name("less<f>");
 BENCHMARK(BM_Binary<float, Color, Color, &IxScanlineUtil::equalScanlines<Color>>)->Name("equal<C>");
+BENCHMARK(BM_Binary<float, float, float, &IxScanlineUtil::andScanlines>)->Name("and<f>");
+BENCHMARK(BM_Binary<float, float, float, &IxScanlineUtil::divideScanlines<float, float, float>>)->Name("div<f,f,f>");
+BENCHMARK(BM_Binary<Color, Color, Color, &IxScanlineUtil::addScanlines<Color, Color, Color>>)->Name("add<C,C,C>");
 
 void BM_CopyIf(benchmark::State& state) {
     const bool masked = state.range(0) != 0;
@@ -57,6 +60,22 @@ void BM_CopyIf(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kWidth);
 }
 BENCHMARK(BM_CopyIf)->Arg(0)->Arg(1)->ArgName("masked");
+
+// The float masked store: a bitwise select per block of columns (IxScanlineUtil.h).
+void BM_CopyIfFloat(benchmark::State& state) {
+    const bool masked = state.range(0) != 0;
+    IxScanline<float> d(kRow, {4, 0.0f});
+    IxScanline<float> s(kRow, {4, 0.0f});
+    IxScanline<float> mask(kRow, {4, 0.0f});
+    fillRandom(s, 3);
+    for (int x = 0; x < kWidth; ++x) mask[x] = (x / 3) % 2 ? 1.0f : 0.0f;
+    for (auto _ : state) {
+        IxScanlineUtil::copyIf(d, s, masked ? &mask : nullptr, nullptr);
+        benchmark::DoNotOptimize(d.begin());
+    }
+    state.SetItemsProcessed(state.iterations() * kWidth);
+}
+BENCHMARK(BM_CopyIfFloat)->Arg(0)->Arg(1)->ArgName("masked");
 
 void BM_Narrow(benchmark::State& state) {
     KelContext context(kRow, 0);
