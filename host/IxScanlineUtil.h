@@ -35,7 +35,16 @@ public:
     static void set(IxScanline<T>& dest, const T& value, Limit limit = nullptr) {
         auto [lo, hi] = range(dest, limit);
         T* d = dest.data();
-        for (int x = lo; x < hi; ++x) d[x] = value;
+        int x = lo;
+        if constexpr (std::is_same_v<T, float>) {
+            // Blocks, as in map1 below: every literal and declaration fills a row (issue 8).
+            const float v = value;
+            for (; x + kBlock <= hi; x += kBlock) {
+#pragma GCC ivdep
+                for (int i = 0; i < kBlock; ++i) d[x + i] = v;
+            }
+        }
+        for (; x < hi; ++x) d[x] = value;
     }
     template <class T>
     static void copy(IxScanline<T>& dest, const IxScanline<T>& src, Limit limit = nullptr) {

@@ -176,3 +176,22 @@ TEST(KelFastPathScanline, MaskedFloatStoresKeepTheOldBitsWhereTheConditionIsZero
 }
 
 }  // namespace
+
+namespace {
+
+TEST(KelFastPathScanline, SetFillsEveryColumnOfTheLimitWithTheValuesBits) {
+    const std::vector<float> d = specials(9);
+    for (float value : {2.5f, -0.0f, std::bit_cast<float>(0x7fc12345u)}) {
+        Row whole(d);
+        U::set(whole.s, value, nullptr);
+        expectSameBits(whole, std::vector<float>(d.size(), value), "set", true);
+        const GeInterval<int> limit(1, 30);
+        std::vector<float> expected = d;
+        for (int x = limit.min; x < limit.max; ++x) expected[std::size_t(x - kColumns.min)] = value;
+        Row partial(d);
+        U::set(partial.s, value, &limit);
+        expectSameBits(partial, expected, "set under a limit", true);
+    }
+}
+
+}  // namespace
