@@ -13,6 +13,7 @@ ctest --test-dir "$here/build" --output-on-failure -j "$jobs"
 if [ "${KEL_SKIP_SANITIZERS:-0}" != 1 ]; then
   "$here/scripts/setup.sh" "$here/build-asan" -DKEL_SANITIZE=address -DCMAKE_BUILD_TYPE=RelWithDebInfo
   ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+    LSAN_OPTIONS="suppressions=$here/fuzz/lsan.supp print_suppressions=0" \
     ctest --test-dir "$here/build-asan" --output-on-failure -j "$jobs"
 
   # ThreadSanitizer: only what renders tiles of one run info on many threads at once (the
