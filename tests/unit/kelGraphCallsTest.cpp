@@ -163,8 +163,36 @@ TEST(KelGraphCallCheck, OverloadTablesGrowAsDeclared) {
     EXPECT_EQ(node->parameterModes(), (std::vector<std::vector<int>>{{0}, {0}, {0, 1}}));
     EXPECT_EQ(node->returnTypes(), (std::vector<int>{1, 4, 5}));
     EXPECT_EQ(node->overload(), -1);
-    auto none = call<FunctionRand>("rand", {});
-    EXPECT_EQ(none->parameterTypes(), (std::vector<std::vector<int>>{{}}));
+}
+
+// Part 3.4: the factory calls addOverloadParameter once per parameter, so a built-in without
+// parameters has no overload at all, only its return type.
+TEST(KelGraphCallCheck, BuiltInsWithoutParametersHaveNoOverloads) {
+    const std::vector<RCShdPtr<FunctionCallNode>> nodes{call<FunctionRand>("rand", {}),
+                                                        call<FunctionGetOutputImage>("getOutputImage", {})};
+    for (const auto& node : nodes) {
+        EXPECT_TRUE(node->parameterTypes().empty()) << node->getName();
+        EXPECT_TRUE(node->parameterModes().empty()) << node->getName();
+        EXPECT_EQ(node->returnTypes().size(), 1u) << node->getName();
+    }
+}
+
+// Part 4.6 step 4 with the real built-ins: arguments are checked, held against no signature, and
+// the call takes overload 0 with its return type; a const argument is no fault, since a
+// function without overloads writes to no parameter.
+TEST(KelGraphCallCheck, RandAndGetOutputImageWithArgumentsTakeOverloadZero) {
+    CheckScope scope;
+    auto random = call<FunctionRand>("rand", {var("f"), num(1)});
+    KelValuePtr type = random->check(scope.context);
+    EXPECT_EQ(random->overload(), 0);
+    ASSERT_FALSE(type.isNull());
+    EXPECT_TRUE(type->isType(KelValueTypes::Float));
+    EXPECT_EQ(scope.context.usedNames().count("rand0"), 1u);
+    auto output = call<FunctionGetOutputImage>("getOutputImage", {var("img")});
+    type = output->check(scope.context);
+    EXPECT_EQ(output->overload(), 0);
+    ASSERT_FALSE(type.isNull());
+    EXPECT_TRUE(type->isType(KelValueTypes::Image));
 }
 
 TEST(KelGraphCallCheck, TheSampleWrapReplacesTheLink) {

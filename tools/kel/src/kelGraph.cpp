@@ -77,18 +77,19 @@ RCShdPtr<KelValue> FunctionDeclarationNode::check(KelContext& context) {
 
 FunctionCallNode::FunctionCallNode(const std::string& name, int line) : KelSyntaxTree(line), _name(name) {}
 
+// Part 4.6: appends to overload `overload`, creating the overloads up to it. Only this operation
+// makes overloads: a built-in without parameters (`rand`, `getOutputImage`) has none at all, and
+// its calls take step 4 of the check (Part 3.4: one call per parameter).
 void FunctionCallNode::addOverloadParameter(int type, int overload, int mode) {
-    if (std::size_t(overload) >= _returnTypes.size()) setReturnType(overload, Void);
+    const std::size_t count = std::max(_parameterTypes.size(), std::size_t(overload) + 1);
+    _parameterTypes.resize(count);
+    _parameterModes.resize(count);
     _parameterTypes[std::size_t(overload)].push_back(type);
     _parameterModes[std::size_t(overload)].push_back(mode);
 }
 
-// Creates the overloads up to `overload`, so that one with no parameters exists too.
 void FunctionCallNode::setReturnType(int overload, int type) {
-    std::size_t count = std::max(_returnTypes.size(), std::size_t(overload) + 1);
-    _parameterTypes.resize(count);
-    _parameterModes.resize(count);
-    _returnTypes.resize(count, Void);
+    _returnTypes.resize(std::max(_returnTypes.size(), std::size_t(overload) + 1), Void);
     _returnTypes[std::size_t(overload)] = type;
 }
 
@@ -123,9 +124,12 @@ int firstFitting(const std::vector<std::vector<int>>& parameterTypes, const std:
     return -1;
 }
 
-// Part 4.6 step 6: a const value cannot go where the function writes.
+// Part 4.6 step 6: a const value cannot go where the function writes. A function without
+// overloads (step 4) has no modes, and so no parameter that it writes.
 void checkConstArguments(const FunctionCallNode& node, const std::vector<KelValuePtr>& prototypes, KelContext& context) {
-    const std::vector<int>& modes = node.parameterModes()[std::size_t(node.overload())];
+    static const std::vector<int> kNoModes;
+    const std::size_t overload = std::size_t(node.overload());
+    const std::vector<int>& modes = overload < node.parameterModes().size() ? node.parameterModes()[overload] : kNoModes;
     for (std::size_t i = 0; i < prototypes.size() && i < modes.size(); ++i)
         if (prototypes[i]->isConst() && modes[i] == 1)
             context.raiseError("The parameter #" + LiStringUtil::convertNb(int(i) + 1) + " cannot be used in the function " +
@@ -162,8 +166,8 @@ RCShdPtr<KelValue> FunctionCallNode::check(KelContext& context) {
     } else {
         _overload = firstFitting(_parameterTypes, prototypes, false);
         if (_overload == -1) resolveRelaxed(prototypes, context);
-        checkConstArguments(*this, prototypes, context);
     }
+    checkConstArguments(*this, prototypes, context);
     context.addUsedName(_name + LiStringUtil::convertNb(_overload));
     return prototypeOfResult(*this, context);
 }
