@@ -2,13 +2,17 @@
 // library is no link dependency and a machine without AVX2 or libmvec takes the scalar path.
 #include "IxVectorMath.h"
 
+#include <cmath>
+
+#if defined(__x86_64__)
 #include <dlfcn.h>
 #include <immintrin.h>
-
-#include <cmath>
+#define KEL_VECTOR_MATH 1
+#endif
 
 namespace Zt {
 
+#if KEL_VECTOR_MATH
 namespace {
 
 using Unary8 = __m256 (*)(__m256);
@@ -67,6 +71,22 @@ __attribute__((target("avx2,fma"))) void binary8(Binary8 f, float* d, const floa
 }
 
 }  // namespace
+#else
+// Another architecture: no eight-lane functions, every column through the scalar C function.
+namespace {
+struct Table {
+    void (*sin)(float*, const float*, int) = nullptr;
+    void (*cos)(float*, const float*, int) = nullptr;
+    void (*atan2)(float*, const float*, const float*, int) = nullptr;
+};
+const Table& table() {
+    static const Table t;
+    return t;
+}
+void unary8(void (*)(float*, const float*, int), float*, const float*, int) {}
+void binary8(void (*)(float*, const float*, const float*, int), float*, const float*, const float*, int) {}
+}  // namespace
+#endif
 
 bool IxVectorMath::vectorised() { return table().sin != nullptr; }
 
