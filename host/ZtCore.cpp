@@ -1,5 +1,7 @@
 #include "ZtCore.h"
 
+#include <cxxabi.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <thread>
@@ -29,11 +31,24 @@ void Assertions::throwProgramAborted(const char* file, int line, const char* tex
     throw ExProgramAborted(file, line, text);
 }
 
+namespace {
+
+// typeid names are mangled by the ABI; a message names the type as the source does.
+std::string readableTypeName(const char* mangled) {
+    int status = 0;
+    char* readable = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
+    std::string name = status == 0 && readable ? readable : mangled;
+    std::free(readable);
+    return name;
+}
+
+}  // namespace
+
 void RCExUtil::throwExNullPtr(const char* typeName) {
-    throw ExNullPtr("host/ZtRC", 0, std::string("Null pointer: ") + typeName);
+    throw ExNullPtr("host/ZtRC", 0, "Null pointer: " + readableTypeName(typeName));
 }
 void RCExUtil::throwExCastFailed(const char* fromType, const char* toType) {
-    throw ExCastFailed("host/ZtRC", 0, std::string("Cast failed from ") + fromType + " to " + toType);
+    throw ExCastFailed("host/ZtRC", 0, "Cast failed from " + readableTypeName(fromType) + " to " + readableTypeName(toType));
 }
 
 float LiStringUtil::convertToFloat(const std::string& text) { return std::strtof(text.c_str(), nullptr); }

@@ -54,6 +54,13 @@ TEST(KelGraphPrint, ForWithAnAbsentClauseThrowsTheNullPointerException) {
     KelNodePtr noIncrement = loopFor(var("i"), var("c"), nullptr, block({}));
     EXPECT_THROW(printed(*noInit), ExNullPtr);
     EXPECT_THROW(printed(*noIncrement), ExNullPtr);
+    // The message names the pointee's type as the source spells it, not the ABI's mangled name.
+    try {
+        printed(*noInit);
+        FAIL() << "print did not throw";
+    } catch (const ExNullPtr& e) {
+        EXPECT_EQ(e.getReason(), "Null pointer: Zt::KelSyntaxTree");
+    }
 }
 
 TEST(KelGraphPrint, FunctionDeclarationAndParameters) {
