@@ -22,6 +22,7 @@ KelParserProtocol::~KelParserProtocol() {
 // The tree walks (check, eval, print, and the release of the nodes) recurse once per level; a
 // left-recursive chain (`1 + 1 + ...`, `x++ ++ ...`) takes no parser stack, so without this
 // bound a long one overflows the thread's stack. Far above any script the stack limit lets nest.
+// A deliberate difference from Part 3.2, listed in docs/language.md section 8.
 constexpr int kMaxTreeHeight = 10000;
 
 bool KelParserProtocol::push(RCShdPtr<KelSyntaxTree> node, int height) {
