@@ -20,8 +20,21 @@ PxValidityInterval::PxValidityInterval(double b, int beginKind, double e, int en
 }
 
 IxTile::IxTile(const IxPixelFormat& format, const GeRectangle<int>& rect, const Color& fill)
-    : _format(format), _rect(rect), _fill(fill),
-      _pixels(rect.isEmpty() ? 0 : std::size_t(rect.width()) * std::size_t(rect.height()), fill) {}
+    : _format(format), _rect(rect), _fill(fill) {
+    const std::size_t count = rect.isEmpty() ? 0 : std::size_t(rect.width()) * std::size_t(rect.height());
+    _storage = IxTileStorage::acquire(count, _capacity);
+    std::fill(_storage.get(), _storage.get() + count, fill);
+    _rows = _storage.get();
+    _stride = rect.isEmpty() ? 0 : rect.width();
+}
+
+IxTile::IxTile(const IxPixelFormat& format, const GeRectangle<int>& rect, const Color& fill, const Color* rows,
+               std::ptrdiff_t stride, RCShdPtr<const RCBase<LkCounter<int>>> owner)
+    : _format(format), _rect(rect), _fill(fill), _rows(rows), _stride(stride), _owner(std::move(owner)) {
+    if (!_owner) Assertions::throwAssertionFailed("host/PxImage", __LINE__, "owner");
+}
+
+IxTile::~IxTile() { IxTileStorage::release(std::move(_storage), _capacity); }
 
 void PxImageResult::reduceVI(PxValidityInterval& vi) const {
     vi.begin = std::max(vi.begin, _validity.begin);

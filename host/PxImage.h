@@ -8,6 +8,7 @@
 
 #include "CoColor.h"
 #include "IxScanline.h"
+#include "IxTileStorage.h"
 #include "ZtGeometry.h"
 #include "ZtRC.h"
 
@@ -64,20 +65,41 @@ struct PxImageFormat : IxPixelFormat {};
 // A tile: RGBA float pixels over a pixel rectangle, rows bottom-up (row yMin first).
 class IxTile : public RCBase<LkCounter<int>> {
 public:
+    // A tile of its own pixels, each set to `fill`. The storage comes from IxTileStorage.
     IxTile(const IxPixelFormat& format, const GeRectangle<int>& rect, const Color& fill);
+    // A read-only tile over pixels kept elsewhere (issue 8: an in-memory image lends its rows
+    // instead of copying them): row yMin starts at `rows`, each next row `stride` colours further
+    // on, and `owner` keeps them alive as long as the tile.
+    IxTile(const IxPixelFormat& format, const GeRectangle<int>& rect, const Color& fill, const Color* rows,
+           std::ptrdiff_t stride, RCShdPtr<const RCBase<LkCounter<int>>> owner);
+    ~IxTile() override;
+    IxTile(const IxTile&) = delete;
+    IxTile& operator=(const IxTile&) = delete;
+
     const IxPixelFormat& getFormat() const { return _format; }
     const GeRectangle<int>& getRect() const { return _rect; }
     Color& fillColor() { return _fill; }
     const Color& getFillColor() const { return _fill; }
     void setFillColor(const Color& c) { _fill = c; }
-    Color* row(int y) { return _pixels.data() + std::size_t(y - _rect.yMin) * std::size_t(_rect.width()); }
-    const Color* row(int y) const { return _pixels.data() + std::size_t(y - _rect.yMin) * std::size_t(_rect.width()); }
+    bool isLent() const { return _owner.get() != nullptr; }
+    // Writing into a lent tile would change the image that lent it: an assertion.
+    Color* row(int y) {
+        if (isLent()) Assertions::throwAssertionFailed("host/PxImage.h", __LINE__, "!isLent()");
+        return const_cast<Color*>(rowAt(y));
+    }
+    const Color* row(int y) const { return rowAt(y); }
 
 private:
+    const Color* rowAt(int y) const { return _rows + std::ptrdiff_t(y - _rect.yMin) * _stride; }
+
     IxPixelFormat _format;
     GeRectangle<int> _rect;
     Color _fill;
-    std::vector<Color> _pixels;
+    IxTileStorage::Buffer _storage;
+    std::size_t _capacity = 0;
+    const Color* _rows = nullptr;
+    std::ptrdiff_t _stride = 0;
+    RCShdPtr<const RCBase<LkCounter<int>>> _owner;
 };
 
 class IxReadGuard {

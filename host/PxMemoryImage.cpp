@@ -18,9 +18,10 @@ void checkLevel(int scaleLevel) {
 
 PxMemoryImage::PxMemoryImage(int width, int height, std::vector<Color> pixels, const IxPixelFormat& format,
                              const PxValidityInterval& validity)
-    : _width(std::max(width, 0)), _height(std::max(height, 0)), _pixels(std::move(pixels)), _format(format),
+    : _width(std::max(width, 0)), _height(std::max(height, 0)), _pixels(new Pixels), _format(format),
       _validity(validity) {
-    if (_pixels.size() != std::size_t(_width) * std::size_t(_height))
+    _pixels->colors = std::move(pixels);
+    if (_pixels->colors.size() != std::size_t(_width) * std::size_t(_height))
         Assertions::throwAssertionFailed("host/PxMemoryImage", __LINE__, "pixels.size() == width * height");
 }
 
@@ -51,7 +52,7 @@ Color PxMemoryImage::pixelAt(int x, int y, int scaleLevel) const {
     const int fy0 = y * f, fy1 = std::min(fy0 + f, _height);
     double sum[4] = {0, 0, 0, 0};
     for (int fy = fy0; fy < fy1; ++fy) {
-        const Color* row = &_pixels[std::size_t(fy) * std::size_t(_width)];
+        const Color* row = &_pixels->colors[std::size_t(fy) * std::size_t(_width)];
         for (int fx = fx0; fx < fx1; ++fx)
             for (int c = 0; c < 4; ++c) sum[c] += row[fx][c];
     }
@@ -64,8 +65,14 @@ PxImageResult PxMemoryImage::getImage(const PxImageContext& context) const {
     checkLevel(context.scaleLevel);
     const GeRectangle<int> rect = convertTilesToPixels(
         GeRectangle<int>(context.tileX, context.tileX + 1, context.tileY, context.tileY + 1), context);
-    RCShdPtr<IxTile> tile(new IxTile(_format, rect, Color::ZERO));
     const GeRectangle<int> image = pixelRect(context.scaleLevel);
+    if (context.scaleLevel == 0 && !rect.isEmpty() && rect.xMin >= image.xMin && rect.xMax <= image.xMax &&
+        rect.yMin >= image.yMin && rect.yMax <= image.yMax) {
+        return PxImageResult(RCShdPtr<IxTile>(new IxTile(_format, rect, Color::ZERO, &pixel(rect.xMin, rect.yMin), _width,
+                                                         RCShdPtr<const RCBase<LkCounter<int>>>(_pixels.get()))),
+                             _validity);
+    }
+    RCShdPtr<IxTile> tile(new IxTile(_format, rect, Color::ZERO));
     const int x0 = std::max(rect.xMin, image.xMin), x1 = std::min(rect.xMax, image.xMax);
     const int y0 = std::max(rect.yMin, image.yMin), y1 = std::min(rect.yMax, image.yMax);
     for (int y = y0; x0 < x1 && y < y1; ++y) {

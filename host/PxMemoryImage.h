@@ -29,22 +29,31 @@ public:
     // The nominal rectangle (0, W*a, 0, H) with the image's validity, whatever the context.
     PxRODResult getROD(const PxImageContext& context) const override;
     // A tile over exactly the pixel rectangle of the context's tile (tileX, tileY) at the
-    // context's scale; pixels outside the image hold the fill colour.
+    // context's scale; pixels outside the image hold the fill colour. A tile at full resolution
+    // that lies inside the image lends the image's rows (read only) instead of copying them.
     PxImageResult getImage(const PxImageContext& context) const override;
 
     int width() const { return _width; }
     int height() const { return _height; }
     // Full resolution, (0, 0) the bottom-left pixel.
-    const Color& pixel(int x, int y) const { return _pixels[std::size_t(y) * std::size_t(_width) + std::size_t(x)]; }
+    const Color& pixel(int x, int y) const {
+        return _pixels->colors[std::size_t(y) * std::size_t(_width) + std::size_t(x)];
+    }
     // The pixel rectangle at `scaleLevel`.
     GeRectangle<int> pixelRect(int scaleLevel) const;
     // Pixel (x, y) at `scaleLevel`, the fill colour outside pixelRect(scaleLevel).
     Color pixelAt(int x, int y, int scaleLevel) const;
 
 private:
+    // Counted on its own, so that a tile lent from it (getImage at full resolution) keeps the
+    // pixels alive whatever becomes of the node.
+    struct Pixels : RCBase<LkCounter<int>> {
+        std::vector<Color> colors;
+    };
+
     int _width;
     int _height;
-    std::vector<Color> _pixels;
+    RCShdPtr<Pixels> _pixels;
     IxPixelFormat _format;
     PxValidityInterval _validity;
 };

@@ -164,6 +164,55 @@ TEST(HostMemoryImage, TileEntirelyOutsideIsFill) {
         for (int x = -2; x < 0; ++x) EXPECT_EQ(pixelOf(r, x, y), Color::ZERO);
 }
 
+// Issue 8: a full-resolution tile inside the image lends the image's rows instead of copying
+// them; it reads the same pixels, outlives the node, and refuses to be written.
+TEST(HostMemoryImage, TileInsideTheImageLendsItsRowsReadOnly) {
+    auto img = memoryImage(5, 3, coordinatePixels(9));
+    const PxImageResult r = img->getImage(tileContext(1, 0, 2, 3));
+    ASSERT_TRUE(r.getTile()->isLent());
+    EXPECT_EQ(r.getTile()->getRect(), GeRectangle<int>(2, 4, 0, 3));
+    img = nullptr;  // the tile keeps the pixels alive
+    for (int y = 0; y < 3; ++y)
+        for (int x = 2; x < 4; ++x) EXPECT_EQ(pixelOf(r, x, y), Color(float(x), float(y), 9, 1));
+    EXPECT_THROW(r.getTile()->row(0), ExAssertionFailed);
+}
+
+TEST(HostMemoryImage, TilesAtALevelOrPartlyOutsideAreCopies) {
+    auto img = memoryImage(4, 4, coordinatePixels());
+    EXPECT_FALSE(img->getImage(tileContext(1, 1, 3, 3)).getTile()->isLent());
+    PxImageContext half = tileContext(0, 0, 2, 2);
+    half.scaleLevel = 1;
+    EXPECT_FALSE(img->getImage(half).getTile()->isLent());
+    EXPECT_TRUE(img->getImage(tileContext(1, 1, 2, 2)).getTile()->isLent());
+}
+
+// Issue 8: a dead tile's buffer serves the next tile, which starts from its own fill colour and
+// never from the pixels of the last one.
+TEST(HostTileStorage, ABufferIsReusedAndRefilled) {
+    IxTileStorage::clear();
+    const Color* first = nullptr;
+    {
+        RCShdPtr<IxTile> tile(new IxTile(IxPixelFormat{}, GeRectangle<int>(0, 8, 0, 4), Color(1, 2, 3, 4)));
+        first = tile->row(0);
+        tile->row(3)[7] = Color(9, 9, 9, 9);
+    }
+    EXPECT_EQ(IxTileStorage::keptCount(), 1u);
+    RCShdPtr<IxTile> next(new IxTile(IxPixelFormat{}, GeRectangle<int>(10, 18, 5, 9), Color(0, 0, 0, 1)));
+    EXPECT_EQ(next->row(5), first);
+    EXPECT_EQ(IxTileStorage::keptCount(), 0u);
+    for (int y = 5; y < 9; ++y)
+        for (int x = 0; x < 8; ++x) EXPECT_EQ(next->row(y)[x], Color(0, 0, 0, 1));
+}
+
+TEST(HostTileStorage, ABufferMuchLargerThanNeededIsNotTaken) {
+    IxTileStorage::clear();
+    { RCShdPtr<IxTile> big(new IxTile(IxPixelFormat{}, GeRectangle<int>(0, 64, 0, 64), Color::ZERO)); }
+    RCShdPtr<IxTile> small(new IxTile(IxPixelFormat{}, GeRectangle<int>(0, 4, 0, 4), Color::ZERO));
+    EXPECT_EQ(IxTileStorage::keptCount(), 1u);
+    IxTileStorage::clear();
+    EXPECT_EQ(IxTileStorage::keptCount(), 0u);
+}
+
 TEST(HostMemoryImage, GivesItsOwnValidity) {
     auto img = memoryImage(1, 1, coordinatePixels(), IxPixelFormat{}, PxValidityInterval(4.0, 5.0));
     EXPECT_EQ(img->getImage(tileContext(0, 0, 1, 1)).getValidity(), PxValidityInterval(4.0, 5.0));
