@@ -5,8 +5,9 @@
 // node's nominal rectangle (w, h its width and height, 1 where 0, as in step 16c). The matrix
 // adds half a full-resolution square pixel, so that at scale 1 and aspect 1 the unit square is
 // the usual texture space, pixel i's centre at (i + 0.5) / W. We read it back as the texel
-// coordinate tx = (xMin + u * w - 0.5) * scale / aspect, ty = (yMin + v * h - 0.5) * scale, in
-// which pixel i of the image at the context's scale is sampled exactly at i: a script that
+// coordinate tx = (u - m20) / m00 * scale / aspect, ty = (v - m21) / m11 * scale, m being step
+// 16c's matrix for the node's rectangle (so tx = x * scale / aspect), in which pixel i of the
+// image at the context's scale is sampled exactly at i: a script that
 // samples at its own `x` and `y` reads the current pixel at every scale and aspect (host.md),
 // not only at scale 1 and aspect 1.
 //
@@ -52,21 +53,24 @@ public:
         _pixels = PxImageProtocol::nominalToPixelized(nominal, aspect, scale);
         if (_pixels.isEmpty()) _pixels = GeRectangle<int>();
 
-        // Unit square to texel coordinates, then composed with the texture matrix.
-        double w = double(nominal.xMax) - double(nominal.xMin);
-        double h = double(nominal.yMax) - double(nominal.yMin);
-        if (w == 0.0) w = 1.0;
-        if (h == 0.0) h = 1.0;
+        // Unit square to texel coordinates, composed with the texture matrix. The unit square
+        // is read back through the exact inverse of the float matrix that Part 1.2 step 16c
+        // builds for this rectangle (the same float operations), not through w and h: 1 / w
+        // is rounded in the matrix, and dividing by it again is exact in double where
+        // multiplying by w is not. So with that matrix the composition is exactly
+        // tx = x * scale / aspect, and an offset of a thousandth of a pixel at column 2000
+        // stays an offset; any other matrix goes through it as given.
+        float w = nominal.xMax - nominal.xMin, h = nominal.yMax - nominal.yMin;
+        if (w == 0.0f) w = 1.0f;
+        if (h == 0.0f) h = 1.0f;
+        const double su = double(1.0f / w), tu = double((0.5f - nominal.xMin) / w);
+        const double sv = double(1.0f / h), tv = double((0.5f - nominal.yMin) / h);
         const double sx = double(scale) / double(aspect), sy = double(scale);
-        const double ux = w * sx, ox = (double(nominal.xMin) - 0.5) * sx;
-        const double vy = h * sy, oy = (double(nominal.yMin) - 0.5) * sy;
         const auto& m = params.textureMatrix.m;
         for (int i = 0; i < 3; ++i) {
-            _toTexelX[i] = double(m[i][0]) * ux;
-            _toTexelY[i] = double(m[i][1]) * vy;
+            _toTexelX[i] = (double(m[i][0]) - (i == 2 ? tu : 0.0)) / su * sx;
+            _toTexelY[i] = (double(m[i][1]) - (i == 2 ? tv : 0.0)) / sv * sy;
         }
-        _toTexelX[2] += ox;
-        _toTexelY[2] += oy;
 
         if (!_pixels.isEmpty()) {
             _tileX0 = floorDiv(_pixels.xMin, kTileWidth);
@@ -119,12 +123,14 @@ private:
         if (wrapMode == 1) return !std::isnan(t);
         return t > double(lo) - 1.0 && t < double(hi);
     }
-    // The matrix holds floats (1 / w is rounded), so a position on a pixel centre comes back a
-    // few ulps off; within a relative 1e-6 of an integer the coordinate is that integer, and the
-    // sample is the pixel itself rather than a blend with a weight of 1e-8.
+    // A pixel's own nominal x is px / scale * aspect in float (Part 1.2 step 21), so with an
+    // aspect such as 4/3 it comes back a float rounding or two away from px; within two float
+    // ulps of an integer the coordinate is that integer, and the sample is the pixel itself
+    // rather than a blend with a weight of 1e-7. Finer than that a float position can't say.
     static double snapTexel(double t) {
+        constexpr double kTwoFloatUlps = 1.0 / double(1 << 22);
         const double nearest = std::round(t);
-        return std::abs(t - nearest) <= 1e-6 * std::max(1.0, std::abs(t)) ? nearest : t;
+        return std::abs(t - nearest) <= kTwoFloatUlps * std::max(1.0, std::abs(t)) ? nearest : t;
     }
     // Keeps the conversion to int defined; inside (lo - 1, hi) nothing changes.
     static double clampTexel(double t, int lo, int hi) { return std::min(std::max(t, double(lo) - 2.0), double(hi) + 1.0); }

@@ -295,6 +295,28 @@ TEST(HostSampler, ReadsTheCurrentPixelAtEveryScaleAndAspect) {
     }
 }
 
+// The texture matrix holds 1 / w rounded to float; reading it back exactly keeps a small
+// offset far from the origin an offset, and the weights exact (a wide image, a float position
+// a few float ulps from a pixel centre, and a half-way one).
+TEST(HostSampler, SubPixelOffsetsFarFromTheOriginAreBlendedExactly) {
+    auto img = memoryImage(1100, 1, coordinatePixels());
+    auto s = samplerOf(img);
+    const float near = 1050.0005f;  // 1050.000488..., four float ulps above 1050
+    EXPECT_EQ(sampleAt(*s, double(near), 0.0).r, float(double(near) - 1050.0) * 1051.0f + (1.0f - float(double(near) - 1050.0)) * 1050.0f);
+    EXPECT_GT(sampleAt(*s, double(near), 0.0).r, 1050.0f);
+    EXPECT_EQ(sampleAt(*s, 1098.5, 0.0).r, 1098.5f);
+    EXPECT_EQ(sampleAt(*s, 1099.5, 0.0).r, 0.5f * 1099.0f);  // half of the last pixel, half fill
+}
+
+// An aspect that no float holds exactly: the current pixel's own x still reads that pixel.
+TEST(HostSampler, ReadsTheCurrentPixelWithAnAspectOfFourThirds) {
+    auto img = memoryImage(600, 2, coordinatePixels(), IxPixelFormat{4, 3});
+    auto s = samplerOf(img);
+    const float aspect = IxPixelFormat{4, 3}.aspect();
+    for (int px : {0, 1, 2, 3, 299, 598, 599})
+        EXPECT_EQ(sampleAt(*s, double(float(px) / 1.0f * aspect), 1.0), Color(float(px), 1, 0, 1)) << px;
+}
+
 TEST(HostSampler, FetchesTilesOnlyWhenASampleTouchesThemAndOnce) {
     // Wide enough that x = 450 lies in another sampler tile (256 columns wide, PxImageTexture.cpp).
     RCShdPtr<CountingImage> counted(new CountingImage(memoryImage(600, 3, coordinatePixels())));
