@@ -148,7 +148,7 @@ const Effect kEffects[] = {
     {"E1_gain.kel", "E1 gain", refGain, 0.0f},   {"E2_grade.kel", "E2 grade", refGrade, 0.0f},
     {"E3_math.kel", "E3 math", refMath, 1e-6f},  {"E4_noise.kel", "E4 noise", refNoise, 0.0f},
     {"E5_key.kel", "E5 key", refKey, 0.0f},      {"E6_loop.kel", "E6 loop", refLoop, 0.0f},
-    {"E7_warp.kel", "E7 warp", refWarp, 5e-3f},
+    {"E7_warp.kel", "E7 warp", refWarp, 1e-3f},
 };
 
 std::string readFile(const std::string& path) {

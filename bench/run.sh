@@ -46,8 +46,7 @@ done
   echo "thread and on all cores. The C++ loop is the same effect written per pixel, compiled with the"
   echo "same flags, over bands of 32 rows. \"pixels\" compares KEL's frame with the loop's: identical,"
   echo "or the largest difference (E3: the C library's sin, cos, atan2 to a few ulps; E7: the host"
-  echo "sampler snaps a position within 1e-6 relative of a pixel centre onto it, up to 0.002 px at"
-  echo "x = 2000, PxImageTexture.cpp). Targets (KEL / C++ time): E1, E2, E5 <= 1.5; E3 <= 1.0;"
+  echo "sampler blends in double from float weights, the loop in float). Targets (KEL / C++ time): E1, E2, E5 <= 1.5; E3 <= 1.0;"
   echo "E4 <= 1.5; E7 <= 2.0; E6 <= 4.0; 2 threads >= 1.8x one thread on E3, E4, E6."
   for run in 1 2 3; do
     echo
