@@ -105,6 +105,25 @@ TEST(KelFunctionsColor, NewColorWritesAllColumnsInArgumentOrder) {
               (std::vector<Color>{Color(1, 2, 3, 4), Color(10, 2, 30, 4), Color(100, 2, 300, 4)}));
 }
 
+// Part 5.2: `color(1, 2, 3, 4)` with four constant (uniform) arguments still gives a varying
+// colour: `_uniform` is false, even when the pool reissues an object that was uniform before.
+TEST(KelFunctionsColor, NewColorOfFourConstantsIsNotUniform) {
+    CallHarness h(2, 6);
+    auto node = h.call<FunctionNewColor>("color", {h.constant(1.0f), h.constant(2.0f), h.constant(3.0f), h.constant(4.0f)});
+    const KelValue* previousObject = nullptr;
+    {
+        // The pool's next colour object was a uniform constant colour.
+        KelColorPtr previous = h.context.newConstantColor(Color(kSentinel), 0);
+        ASSERT_TRUE(previous->isUniform());
+        previousObject = previous.get();
+    }
+    KelValuePtr result = node->eval(h.context);
+    EXPECT_EQ(result.get(), previousObject) << "the premise: the pool reissued the uniform object";
+    EXPECT_FALSE(result->isUniform());
+    EXPECT_EQ(result->getType(), KelValueTypes::Color);
+    EXPECT_EQ(CallHarness::colorRow(result), std::vector<Color>(4, Color(1, 2, 3, 4)));
+}
+
 // dot counts alpha: (1, 0, 0, 1) with itself is 2.0.
 TEST(KelFunctionsColor, DotIsFourDimensional) {
     CallHarness h(0, 2);

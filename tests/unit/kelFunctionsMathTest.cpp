@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <type_traits>
 
 #include "kelFunctionTestSupport.h"
 
@@ -177,6 +178,44 @@ TEST(KelFunctionsMath, InactiveColumnsAreNotWritten) {
     h.prefillFloat(kSentinel);
     std::vector<float> got = CallHarness::row(node->eval(h.context));
     EXPECT_EQ(got, (std::vector<float>{2.0f, kSentinel, 3.0f, kSentinel, 4.0f, kSentinel}));
+}
+
+// Part 5.1: sin, cos and atan2 go through a whole-row function into a scratch row; under a
+// partial mask only the active columns are stored, and the inactive ones keep what the pool's
+// object held. The active columns are those of the all-active path, bit for bit. A row of 11
+// columns at an odd offset covers the vector groups and their tail.
+TEST(KelFunctionsMath, RowFunctionsLeaveInactiveColumnsAsThePoolHeldThem) {
+    std::vector<float> as, bs, active;
+    for (int i = 0; i < 11; ++i) {
+        as.push_back(-2.5f + 0.61f * float(i));
+        bs.push_back(1.75f - 0.43f * float(i));
+        active.push_back(i % 3 == 1 || i == 10 ? 0.0f : 1.0f);
+    }
+    auto run = [&](auto tag, const char* name, bool masked) {
+        using F = decltype(tag);
+        CallHarness h(5, 16);
+        KelNodePtr node;
+        if constexpr (std::is_same_v<F, FunctionATan2>) node = h.call<F>(name, {h.floats(as), h.floats(bs)});
+        else node = h.call<F>(name, {h.floats(as)});
+        if (masked) h.narrowTo(active);
+        h.prefillFloat(kSentinel);
+        return CallHarness::row(node->eval(h.context));
+    };
+    auto check = [&](auto tag, const char* name) {
+        const std::vector<float> all = run(tag, name, false);
+        const std::vector<float> masked = run(tag, name, true);
+        ASSERT_EQ(masked.size(), active.size());
+        for (std::size_t i = 0; i < active.size(); ++i) {
+            if (active[i] != 0.0f)
+                EXPECT_TRUE(sameBits(masked[i], all[i])) << name << " column " << i << ": " << masked[i] << " vs " << all[i];
+            else
+                EXPECT_TRUE(sameBits(masked[i], kSentinel)) << name << " column " << i << " was written: " << masked[i];
+            EXPECT_FALSE(sameBits(all[i], kSentinel)) << name << " column " << i;
+        }
+    };
+    check(FunctionSin(), "sin");
+    check(FunctionCos(), "cos");
+    check(FunctionATan2(), "atan2");
 }
 
 TEST(KelFunctionsMath, TwoArgumentFormsAreMaskedToo) {

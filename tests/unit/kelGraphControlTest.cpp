@@ -38,6 +38,18 @@ private:
     mutable std::size_t _pass = 0;
 };
 
+// A statement that records the mask under which it runs, at each run.
+class MaskProbeNode : public KelSyntaxTree {
+public:
+    MaskProbeNode() : KelSyntaxTree(1) {}
+    RCShdPtr<KelValue> eval(KelContext& context) const override {
+        const IxScanline<float>& mask = context.getMask().getScanline();
+        masks.emplace_back(mask.begin(), mask.begin() + mask.getInterval().size());
+        return nullptr;
+    }
+    mutable std::vector<std::vector<float>> masks;
+};
+
 // Runs `body` as main(OUT float f, OUT float g) over columns [0, width) for one row.
 struct FloatScript {
     FloatScript(const KelBlockPtr& body, int width) : run(mainOf(body, {output("float", "f"), output("float", "g")})) {
@@ -65,6 +77,57 @@ TEST(KelGraphControlIf, ColumnsTakeDifferentPaths) {
 TEST(KelGraphControlIf, WithoutElseStoresOnlyWhereTheConditionHolds) {
     FloatScript s(block({assign("f", "=", num(5)), ifElse(binary(">", var("x"), num(1)), block({assign("f", "+=", num(1))}))}), 4);
     EXPECT_EQ(s.f(), (Row{5, 5, 6, 6}));
+}
+
+// Part 4.2: an `if` without `_else` prints and runs with one narrowing only. Its `_then` runs
+// once, under the entry mask narrowed by the condition; nothing runs under the inverted
+// condition; the mask on exit is the entry mask with its flags; and nothing is allocated, not
+// even a copy of a writable condition (a variable's own object), which only an `_else` would
+// need to see unchanged.
+TEST(KelGraphControlIf, WithoutElseRunsWithOneNarrowingOnly) {
+    KelContext context(GeInterval<int>(2, 8), 0);  // absolute columns 2..7
+    {
+        KelFloatPtr entry = context.newFloat(0);
+        const float entryRow[] = {1, 1, 1, 0, 1, 1};
+        for (int x = 2; x < 8; ++x) entry->getScanline()[x] = entryRow[x - 2];
+        context.getMask().narrow(entry, 0);
+    }
+    const int a = context.declareVariable("a");
+    KelFloatPtr condition = context.newFloat(1);
+    const float conditionRow[] = {1, 0, 2, 1, 0, -1};
+    for (int x = 2; x < 8; ++x) condition->getScanline()[x] = conditionRow[x - 2];
+    context.setVariable(a, condition);
+    RCShdPtr<MaskProbeNode> probe(new MaskProbeNode);
+    KelNodePtr statement = ifElse(var("a"), block({probe}));
+    statement->check(context);
+    EXPECT_EQ(printed(*statement), "if ( a ) \n{\n}\n");
+
+    const std::size_t poolBefore = context.poolSize();
+    statement->eval(context);
+    ASSERT_EQ(probe->masks.size(), 1u);
+    EXPECT_EQ(probe->masks[0], (Row{1, 0, 1, 0, 0, 1}));
+    EXPECT_EQ(rowOf(context.getMask().getScanline()), (Row{1, 1, 1, 0, 1, 1}));
+    EXPECT_FALSE(context.getMask().allActive());
+    EXPECT_FALSE(context.getMask().noneActive());
+    EXPECT_EQ(context.poolSize(), poolBefore);
+    EXPECT_EQ(rowOf(condition->getScanline()), (Row{1, 0, 2, 1, 0, -1}));
+
+    // Again from a full mask: the flags come back as they were too.
+    KelContext full(GeInterval<int>(0, 3), 0);
+    const int b = full.declareVariable("a");
+    KelFloatPtr c = full.newFloat(1);
+    for (int x = 0; x < 3; ++x) c->getScanline()[x] = x == 1 ? 1.0f : 0.0f;
+    full.setVariable(b, c);
+    RCShdPtr<MaskProbeNode> fullProbe(new MaskProbeNode);
+    KelNodePtr fullStatement = ifElse(var("a"), block({fullProbe}));
+    fullStatement->check(full);
+    const std::size_t fullPoolBefore = full.poolSize();
+    fullStatement->eval(full);
+    ASSERT_EQ(fullProbe->masks.size(), 1u);
+    EXPECT_EQ(fullProbe->masks[0], (Row{0, 1, 0}));
+    EXPECT_TRUE(full.getMask().allActive());
+    EXPECT_EQ(rowOf(full.getMask().getScanline()), (Row{1, 1, 1}));
+    EXPECT_EQ(full.poolSize(), fullPoolBefore);
 }
 
 // Part 4.2: the branch is not skipped when the mask is empty; an assignment in it changes nothing.

@@ -95,5 +95,26 @@ TEST(KelGraphPrint, TheSampleWrapShowsAfterCheck) {
     EXPECT_EQ(printed(*f), "main( \n\tOUT color out\n\tIN image src\n ) \n{\nout = ( sample( src, ) + 1 )}");
 }
 
+// Part 4.1: a base KelSyntaxTree prints nothing in any child position, not only as a statement
+// of a block: as the value of an assignment or a declaration, as an operand, as a call argument
+// (its comma stays), as a condition, and as the clauses of a `for`, where, unlike an absent
+// clause, it prints without the null-pointer exception.
+TEST(KelGraphPrint, TheEmptyStatementPrintsNothingInAnyChildPosition) {
+    const auto empty = [] { return KelNodePtr(new KelSyntaxTree(3)); };
+    EXPECT_EQ(printed(*assign("a", "=", empty())), "a = ");
+    EXPECT_EQ(printed(*assign("a", "*=", empty())), "a *= ");
+    EXPECT_EQ(printed(*declareAs("float", "a", empty(), 1, false)), "float a with a = ");
+    EXPECT_EQ(printed(*call<FunctionSin>("sin", {empty()})), "sin( , )");
+    EXPECT_EQ(printed(*call<FunctionPow>("pow", {empty(), var("b")})), "pow( ,b, )");
+    EXPECT_EQ(printed(*call<FunctionPow>("pow", {var("a"), empty()})), "pow( a,, )");
+    EXPECT_EQ(printed(*binary("+", var("a"), empty())), "( a +  )");
+    EXPECT_EQ(printed(*binary("*", empty(), var("b"))), "(  * b )");
+    EXPECT_EQ(printed(*unary("P++", empty())), "( P++  )");
+    EXPECT_EQ(printed(*ifElse(empty(), block({}))), "if (  ) \n{\n}\n");
+    EXPECT_EQ(printed(*ifElse(var("c"), block({empty()}), block({empty()}))), "if ( c ) \n{\n}\nelse\n{\n}\n");
+    EXPECT_EQ(printed(*loopWhile(empty(), block({}))), "while (  ) \n{\n}");
+    EXPECT_EQ(printed(*loopFor(empty(), var("c"), empty(), block({}))), "for (  , c ,  ) \n{\n}");
+}
+
 }  // namespace
 }  // namespace Zt::test
