@@ -31,34 +31,6 @@ std::string tree(const std::string& text) {
     return printed(protocol.root());
 }
 
-// ForNode has no accessors for its clauses (kelGraph.h), so the test reads its private fields
-// through the standard loophole: an explicit instantiation may name a private member, and the
-// friend function that it defines hands out the member pointer.
-template <class Tag, typename Tag::type Member>
-struct PrivateMember {
-    friend typename Tag::type member(Tag) { return Member; }
-};
-struct ForInit {
-    using type = KelNodePtr ForNode::*;
-    friend type member(ForInit);
-};
-struct ForCondition {
-    using type = KelNodePtr ForNode::*;
-    friend type member(ForCondition);
-};
-struct ForIncrement {
-    using type = KelNodePtr ForNode::*;
-    friend type member(ForIncrement);
-};
-struct ForBody {
-    using type = KelBlockPtr ForNode::*;
-    friend type member(ForBody);
-};
-template struct PrivateMember<ForInit, &ForNode::_init>;
-template struct PrivateMember<ForCondition, &ForNode::_condition>;
-template struct PrivateMember<ForIncrement, &ForNode::_increment>;
-template struct PrivateMember<ForBody, &ForNode::_body>;
-
 float literalValue(const std::string& text) {
     std::vector<PebError> errors;
     KelParserProtocol protocol(&errors);
@@ -147,12 +119,12 @@ TEST(KelParserTrees, ForWithMissingClausesHasNullClauses) {
     ASSERT_NE(loop, nullptr);
     // Part 3.3: the two absent clauses are null links, the condition is the variable, and the
     // body `;` is an empty block (the empty statement adds nothing to it).
-    EXPECT_TRUE((loop->*member(ForInit())).isNull());
-    EXPECT_TRUE((loop->*member(ForIncrement())).isNull());
-    ASSERT_FALSE((loop->*member(ForCondition())).isNull());
-    EXPECT_EQ(printed(loop->*member(ForCondition())), "x");
-    ASSERT_FALSE((loop->*member(ForBody())).isNull());
-    EXPECT_EQ((loop->*member(ForBody()))->statements().size(), 0u);
+    EXPECT_TRUE(loop->init().isNull());
+    EXPECT_TRUE(loop->increment().isNull());
+    ASSERT_FALSE(loop->condition().isNull());
+    EXPECT_EQ(printed(loop->condition()), "x");
+    ASSERT_FALSE(loop->body().isNull());
+    EXPECT_EQ(loop->body()->statements().size(), 0u);
     EXPECT_THROW(printed(script), ExNullPtr);
     // With both clauses present it prints.
     EXPECT_NO_THROW(tree("for (a; b; c) ;"));

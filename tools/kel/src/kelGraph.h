@@ -56,6 +56,10 @@ class ForNode : public KelSyntaxTree {
 public:
     // `init` and `increment` may be null.
     ForNode(const KelNodePtr& init, const KelNodePtr& condition, const KelNodePtr& increment, const KelBlockPtr& body, int line);
+    const KelNodePtr& init() const { return _init; }
+    const KelNodePtr& condition() const { return _condition; }
+    const KelNodePtr& increment() const { return _increment; }
+    const KelBlockPtr& body() const { return _body; }
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
