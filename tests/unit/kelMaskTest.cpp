@@ -58,6 +58,13 @@ bool sameBits(const std::vector<float>& a, const std::vector<float>& b) {
     return true;
 }
 
+// A leaf that gives a value made beforehand.
+struct ValueNode : KelSyntaxTree {
+    KelValuePtr value;
+    explicit ValueNode(KelValuePtr v) : value(std::move(v)) {}
+    RCShdPtr<KelValue> eval(KelContext&) const override { return value; }
+};
+
 }  // namespace
 
 TEST(KelMask, NarrowAgreesWithTheColumnRuleOnRandomMasksAndConditionsOfEveryLength0To37) {
@@ -82,6 +89,19 @@ TEST(KelMask, NarrowAgreesWithTheColumnRuleOnRandomMasksAndConditionsOfEveryLeng
                 ASSERT_EQ(c.getMask().noneActive(), expected.noneActive) << "n " << n;
                 ASSERT_EQ(c.getMask().allActive(), expected.allActive) << "n " << n;
                 ASSERT_EQ(c.getMask().activeScanline() == nullptr, expected.allActive);
+                // Issue 8's span: from the first active column to the last, null when all are.
+                const GeInterval<int>* span = c.getMask().activeSpan();
+                ASSERT_EQ(span == nullptr, expected.allActive);
+                if (span) {
+                    int first = lo + n, last = lo - 1;
+                    for (int i = 0; i < n; ++i)
+                        if (expected.mask[std::size_t(i)] != 0.0f) {
+                            first = std::min(first, lo + i);
+                            last = lo + i;
+                        }
+                    if (expected.noneActive) EXPECT_TRUE(span->isEmpty());
+                    else EXPECT_EQ(*span, GeInterval<int>(first, last + 1)) << "n " << n;
+                }
             }
         }
     }
@@ -196,6 +216,39 @@ TEST(KelMask, CopiesKeepFlagsAndPixelsAndAssignmentReusesTheScanline) {
     EXPECT_EQ(maskOf(other), maskOf(copy));
     EXPECT_EQ(other.activeScanline(), &other.getScanline());
     EXPECT_EQ(KelMask(c.getInterval()).activeScanline(), nullptr);
+    ASSERT_NE(other.activeSpan(), nullptr);
+    EXPECT_EQ(*other.activeSpan(), GeInterval<int>(0, 7));
+    setMaskTo(c, {0, 0, 1, 0, 1, 0, 0});
+    other = c.getMask();
+    EXPECT_EQ(*other.activeSpan(), GeInterval<int>(2, 5));
+    EXPECT_EQ(*KelMask(other).activeSpan(), GeInterval<int>(2, 5));
+    EXPECT_EQ(KelMask(c.getInterval()).activeSpan(), nullptr);
+}
+
+// Issue 8's fast path: under a partial mask an operator computes the columns of the active span
+// only (outside it, the pool's object keeps what it held), and inside it the same bits as with
+// every column active.
+TEST(KelMask, OperatorsComputeOnlyInsideTheActiveSpan) {
+    KelContext c(GeInterval<int>(0, 9), 0);
+    auto a = conditionOf(c, {1, 2, 3, 4, 5, 6, 7, 8, 9});
+    auto b = conditionOf(c, {0.5f, -1, kNaN, 1e30f, 3, -0.0f, 2, 7, 1});
+    KelNodePtr sum(new ValueNode(a)), product(new ValueNode(b));
+    KelNodePtr expression = binary("*", binary("+", sum, product), product);
+    const std::vector<float> everywhere = rowOf(rcStaticCast<KelFloat>(expression->eval(c))->getScanline());
+    // Fill the pool's float rows with a marker, then evaluate under the mask 0 0 1 0 1 1 0 0 0.
+    {
+        std::vector<KelFloatPtr> held;
+        for (int i = 0; i < 8; ++i) {
+            held.push_back(c.newFloat(0));
+            IxScanlineUtil::set(held.back()->getScanline(), -42.0f, nullptr);
+        }
+    }
+    setMaskTo(c, {0, 0, 1, 0, 1, 1, 0, 0, 0});
+    const std::vector<float> masked = rowOf(rcStaticCast<KelFloat>(expression->eval(c))->getScanline());
+    for (int x = 0; x < 9; ++x) {
+        if (x >= 2 && x < 6) EXPECT_TRUE(sameBits({masked[std::size_t(x)]}, {everywhere[std::size_t(x)]})) << x;
+        else EXPECT_EQ(masked[std::size_t(x)], -42.0f) << x;
+    }
 }
 
 // ---- Control flow over masks (Part 4.2 through the nodes) ---------------------------------------

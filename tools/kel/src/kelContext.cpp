@@ -78,22 +78,41 @@ int KelIdSet::takeSmallest() {
 // ---- Parts 2.2, 2.3: masks ---------------------------------------------------------------
 
 KelMask::KelMask(const GeInterval<int>& interval)
-    : _noneActive(false), _allActive(true), _scanline(interval, IxPaddingPolicy<float>{4, 0.0f}) {
+    : _noneActive(false), _allActive(true), _scanline(interval, IxPaddingPolicy<float>{4, 0.0f}), _span(interval) {
     IxScanlineUtil::set(_scanline, 1.0f, nullptr);
 }
 
 KelMask::KelMask(const KelMask& other)
     : _noneActive(other._noneActive),
       _allActive(other._allActive),
-      _scanline(other._scanline.getInterval(), IxPaddingPolicy<float>{4, 0.0f}) {
+      _scanline(other._scanline.getInterval(), IxPaddingPolicy<float>{4, 0.0f}),
+      _span(other._span) {
     IxScanlineUtil::copy(_scanline, other._scanline, nullptr);
 }
 
 KelMask& KelMask::operator=(const KelMask& other) {
     _noneActive = other._noneActive;
     _allActive = other._allActive;
+    _span = other._span;
     IxScanlineUtil::copy(_scanline, other._scanline, nullptr);
     return *this;
+}
+
+void KelMask::findSpan() {
+    const GeInterval<int>& all = _scanline.getInterval();
+    if (_allActive) {
+        _span = all;
+        return;
+    }
+    if (_noneActive) {
+        _span = GeInterval<int>(all.min, all.min);
+        return;
+    }
+    const float* m = _scanline.data();
+    int lo = all.min, hi = all.max;
+    while (lo < hi && m[lo] == 0.0f) ++lo;
+    while (hi > lo && m[hi - 1] == 0.0f) --hi;
+    _span = GeInterval<int>(lo, hi);
 }
 
 void KelMask::narrow(const RCShdPtr<KelType<float>>& condition, int invert) {
@@ -128,6 +147,7 @@ void KelMask::narrow(const RCShdPtr<KelType<float>>& condition, int invert) {
         m[x] = keep ? 1.0f : 0.0f;
         if (keep) _noneActive = false; else _allActive = false;
     }
+    findSpan();
 }
 
 // ---- Part 2.2: the context ---------------------------------------------------------------

@@ -121,15 +121,25 @@ public:
     const IxScanline<float>& getScanline() const { return _scanline; }
     // Null when every column is active: the masked stores then take their unmasked path.
     const IxScanline<float>* activeScanline() const { return _allActive ? nullptr : &_scanline; }
+    // Issue 8: the columns from the first active one to the last (empty when none is active),
+    // or null when every column is active. Every column outside it is inactive, and stays so in
+    // every narrower mask until this one is restored, so the operators compute only inside it:
+    // a temporary's value outside it can reach no variable, since every store is masked and a
+    // declaration resets its whole row (Parts 4.4, 4.5). Results inside are bit for bit those
+    // of the whole row.
+    const GeInterval<int>* activeSpan() const { return _allActive ? nullptr : &_span; }
 
     // Part 2.3: keeps a column active when it was and the condition there is non-zero
     // (invert 1: is zero). Four columns at a time, flags from the same pass.
     void narrow(const RCShdPtr<KelType<float>>& condition, int invert);
 
 private:
+    void findSpan();
+
     bool _noneActive;
     bool _allActive;
     IxScanline<float> _scanline;
+    GeInterval<int> _span;
 };
 
 // A set of ids that gives its smallest member first and, once sized, never allocates (the

@@ -106,9 +106,9 @@ RCShdPtr<KelType<Zt::Color>> newTemporary<Zt::Color>(KelContext& context) { retu
 template <class T>
 void storeIncrement(const std::string& op, KelType<T>& v, KelContext& context) {
     KelFloatPtr one = context.newConstantFloat(1.0f, 0);
-    const IxScanline<float>* mask = context.getMask().activeScanline();
-    if (op == "++" || op == "P++") IxScanlineUtil::accumulateScanline(v.getScanline(), one->getScanline(), mask, nullptr);
-    else IxScanlineUtil::decrementScanline(v.getScanline(), one->getScanline(), mask, nullptr);
+    const KelMask& m = context.getMask();
+    if (op == "++" || op == "P++") IxScanlineUtil::accumulateScanline(v.getScanline(), one->getScanline(), m.activeScanline(), m.activeSpan());
+    else IxScanlineUtil::decrementScanline(v.getScanline(), one->getScanline(), m.activeScanline(), m.activeSpan());
 }
 
 // Part 4.4's unary table for one kind T of scanline. "!" occurs on floats only (check).
@@ -120,10 +120,11 @@ RCShdPtr<KelValue> applyUnary(const std::string& op, const RCShdPtr<KelType<T>>&
         return v;
     }
     RCShdPtr<KelType<T>> r = newTemporary<T>(context);
+    const GeInterval<int>* span = context.getMask().activeSpan();
     if (op == "-") {
-        IxScanlineUtil::minusScanline(r->getScanline(), v->getScanline(), nullptr);
+        IxScanlineUtil::minusScanline(r->getScanline(), v->getScanline(), span);
     } else if (op == "!") {
-        if constexpr (std::is_same_v<T, float>) IxScanlineUtil::notScanline(r->getScanline(), v->getScanline(), nullptr);
+        if constexpr (std::is_same_v<T, float>) IxScanlineUtil::notScanline(r->getScanline(), v->getScanline(), span);
     } else {
         // "P++", "P--": the old value over all pixels, then the masked store.
         IxScanlineUtil::copy(r->getScanline(), v->getScanline(), nullptr);
@@ -183,15 +184,16 @@ RCShdPtr<KelValue> evalColorArithmetic(int op, const KelValuePtr& left, const Ke
     using T = KelOperatorTables;
     KelColorPtr result = context.newColor(0);
     IxScanline<Zt::Color>& out = result->getScanline();
+    const GeInterval<int>* span = context.getMask().activeSpan();
     if (!left->isType(KelValueTypes::Color))
         dispatch(T::floatColorOperations, op)(out, rcStaticCast<KelFloat>(left)->getScanline(),
-                                              rcStaticCast<KelColor>(right)->getScanline(), nullptr);
+                                              rcStaticCast<KelColor>(right)->getScanline(), span);
     else if (!right->isType(KelValueTypes::Color))
         dispatch(T::colorFloatOperations, op)(out, rcStaticCast<KelColor>(left)->getScanline(),
-                                              rcStaticCast<KelFloat>(right)->getScanline(), nullptr);
+                                              rcStaticCast<KelFloat>(right)->getScanline(), span);
     else
         dispatch(T::colorOperations, op)(out, rcStaticCast<KelColor>(left)->getScanline(),
-                                         rcStaticCast<KelColor>(right)->getScanline(), nullptr);
+                                         rcStaticCast<KelColor>(right)->getScanline(), span);
     return result;
 }
 
@@ -211,7 +213,8 @@ void BinaryOpNode::print(std::ostream& out) const {
     out << " )";
 }
 
-// Part 4.4: both sides always run ("&&" and "||" don't short-circuit); the mask plays no part.
+// Part 4.4: both sides always run ("&&" and "||" don't short-circuit); the mask plays no part
+// but for the fast path of KelMask::activeSpan: columns outside it are not computed.
 RCShdPtr<KelValue> BinaryOpNode::eval(KelContext& context) const {
     KelValuePtr left = _left->eval(context);
     KelValuePtr right = _right->eval(context);
@@ -219,12 +222,13 @@ RCShdPtr<KelValue> BinaryOpNode::eval(KelContext& context) const {
     bool leftColor = left->isType(Color), rightColor = right->isType(Color);
     if ((leftColor || rightColor) && !isComparison(_op)) return evalColorArithmetic(_op, left, right, context);
     KelFloatPtr result = context.newFloat(0);
+    const GeInterval<int>* span = context.getMask().activeSpan();
     if (leftColor && rightColor)
         dispatch(KelOperatorTables::colorCompareOperations, _op)(result->getScanline(), rcStaticCast<KelColor>(left)->getScanline(),
-                                                                 rcStaticCast<KelColor>(right)->getScanline(), nullptr);
+                                                                 rcStaticCast<KelColor>(right)->getScanline(), span);
     else
         dispatch(KelOperatorTables::floatOperations, _op)(result->getScanline(), rcStaticCast<KelFloat>(left)->getScanline(),
-                                                          rcStaticCast<KelFloat>(right)->getScanline(), nullptr);
+                                                          rcStaticCast<KelFloat>(right)->getScanline(), span);
     return result;
 }
 

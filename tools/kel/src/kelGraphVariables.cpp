@@ -45,16 +45,18 @@ RCShdPtr<KelValue> AssignNode::eval(KelContext& context) const {
     KelValuePtr value = _value->eval(context);
     KelValuePtr variable = context.getVariable(_id);
     const IxScanline<float>* mask = context.getMask().activeScanline();
+    // No active column lies outside the span: the store need not look there.
+    const GeInterval<int>* span = context.getMask().activeSpan();
     if (!variable->isType(Color)) {
         // Float from float, or image from image: an image's scanline holds ids, copied per pixel.
         assignOperation(T::floatAssignOperations, _op)(rcStaticCast<KelFloat>(variable)->getScanline(),
-                                                       rcStaticCast<KelFloat>(value)->getScanline(), mask, nullptr);
+                                                       rcStaticCast<KelFloat>(value)->getScanline(), mask, span);
     } else if (value->isType(Color)) {
         assignOperation(T::colorAssignOperations, _op)(rcStaticCast<KelColor>(variable)->getScanline(),
-                                                       rcStaticCast<KelColor>(value)->getScanline(), mask, nullptr);
+                                                       rcStaticCast<KelColor>(value)->getScanline(), mask, span);
     } else {
         assignOperation(T::colorFloatAssignOperations, _op)(rcStaticCast<KelColor>(variable)->getScanline(),
-                                                            rcStaticCast<KelFloat>(value)->getScanline(), mask, nullptr);
+                                                            rcStaticCast<KelFloat>(value)->getScanline(), mask, span);
     }
     variable->setUniform(false);
     return variable;
