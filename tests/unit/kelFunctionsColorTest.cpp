@@ -1,6 +1,9 @@
 // Part 5.2: colour and channel functions, driven through FunctionNode<F>::eval.
 #include <gtest/gtest.h>
 
+#include <bit>
+#include <cstdint>
+
 #include "kelFunctionTestSupport.h"
 
 using namespace Zt;
@@ -103,6 +106,29 @@ TEST(KelFunctionsColor, NewColorWritesAllColumnsInArgumentOrder) {
     EXPECT_EQ(result->getType(), KelValueTypes::Color);
     EXPECT_EQ(CallHarness::colorRow(result),
               (std::vector<Color>{Color(1, 2, 3, 4), Color(10, 2, 30, 4), Color(100, 2, 300, 4)}));
+}
+
+// The four-column transpose of `color` gives the per-column loop's bits at every row length and
+// start (the remainder per column), NaN payloads and -0.0 included.
+TEST(KelFunctionsColor, NewColorFastPathAgreesWithThePerColumnRule) {
+    for (int lo : {-3, 0, 5})
+        for (int n = 0; n <= 13; ++n) {
+            CallHarness h(lo, lo + n);
+            std::vector<std::vector<float>> channels(4, std::vector<float>(std::size_t(n)));
+            for (int c = 0; c < 4; ++c)
+                for (int i = 0; i < n; ++i)
+                    channels[std::size_t(c)][std::size_t(i)] =
+                        (i + c) % 5 == 0 ? std::bit_cast<float>(0x7fc00000u + unsigned(i)) : (i % 3 == 1 ? -0.0f : float(i * 10 + c));
+            auto node = h.call<FunctionNewColor>("color", {h.floats(channels[0]), h.floats(channels[1]), h.floats(channels[2]),
+                                                           h.floats(channels[3])});
+            const std::vector<Color> row = CallHarness::colorRow(node->eval(h.context));
+            ASSERT_EQ(row.size(), std::size_t(n));
+            for (int i = 0; i < n; ++i)
+                for (int c = 0; c < 4; ++c)
+                    ASSERT_EQ(std::bit_cast<std::uint32_t>(row[std::size_t(i)][c]),
+                              std::bit_cast<std::uint32_t>(channels[std::size_t(c)][std::size_t(i)]))
+                        << "lo " << lo << " n " << n << " column " << i << " channel " << c;
+        }
 }
 
 // Part 5.2: `color(1, 2, 3, 4)` with four constant (uniform) arguments still gives a varying

@@ -3,6 +3,10 @@
 // loops over the raw rows.
 #include "kelFunctions.h"
 
+#if defined(__SSE2__)
+#include <xmmintrin.h>
+#endif
+
 namespace Zt {
 
 namespace {
@@ -16,6 +20,24 @@ KelFloatPtr evalFloat(const FunctionCallNode& node, std::size_t i, KelContext& c
 }
 
 float dot4(const Color& p, const Color& q) { return p.r * q.r + p.g * q.g + p.b * q.b + p.a * q.a; }
+
+// d[x] = (r[x], g[x], b[x], a[x]) for x in [lo, hi). Four columns at a time by a 4x4 transpose
+// (issue 8: the per-column loop was an eighth of E2); only moves, so the same bits.
+void interleave(Color* d, const float* r, const float* g, const float* b, const float* a, int lo, int hi) {
+    int x = lo;
+#if defined(__SSE2__)
+    for (; x + 4 <= hi; x += 4) {
+        __m128 c0 = _mm_loadu_ps(r + x), c1 = _mm_loadu_ps(g + x), c2 = _mm_loadu_ps(b + x), c3 = _mm_loadu_ps(a + x);
+        _MM_TRANSPOSE4_PS(c0, c1, c2, c3);
+        float* out = &d[x].r;
+        _mm_storeu_ps(out, c0);
+        _mm_storeu_ps(out + 4, c1);
+        _mm_storeu_ps(out + 8, c2);
+        _mm_storeu_ps(out + 12, c3);
+    }
+#endif
+    for (; x < hi; ++x) d[x] = Color(r[x], g[x], b[x], a[x]);
+}
 
 }  // namespace
 
@@ -76,7 +98,7 @@ RCShdPtr<KelValue> FunctionNewColor::eval(const FunctionCallNode& node, KelConte
     const float* g = green->getScanline().data();
     const float* b = blue->getScanline().data();
     const float* a = alpha->getScanline().data();
-    for (int x = out.minimum(); x < out.maximum(); ++x) d[x] = Color(r[x], g[x], b[x], a[x]);
+    interleave(d, r, g, b, a, out.minimum(), out.maximum());
     return result;
 }
 
