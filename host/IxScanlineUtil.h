@@ -14,6 +14,8 @@
 // A masked store writes a column when the condition there is not 0.0 (NaN counts as set).
 #pragma once
 
+#include <algorithm>
+
 #include <bit>
 #include <cstdint>
 #include <type_traits>
@@ -49,9 +51,9 @@ public:
     template <class T>
     static void copy(IxScanline<T>& dest, const IxScanline<T>& src, Limit limit = nullptr) {
         auto [lo, hi] = range(dest, limit);
-        T* d = dest.data();
-        const T* s = src.data();
-        for (int x = lo; x < hi; ++x) d[x] = s[x];
+        // A plain copy of the elements: the library's memmove (issue 8: masks are saved and
+        // restored by copy at every `if` and loop).
+        if (lo < hi) std::copy(src.data() + lo, src.data() + hi, dest.data() + lo);
     }
 
     // Part 2.4, unary
