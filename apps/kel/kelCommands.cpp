@@ -3,13 +3,17 @@
 // rendered by the host's PxTileRenderer on worker threads.
 #include "kelCommands.h"
 
+#include <cxxabi.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cctype>
 #include <cmath>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -30,7 +34,8 @@ namespace fs = std::filesystem;
 namespace {
 
 // Wide rows amortise the tree walk (one walk per row of a tile); 16 rows keep enough tiles
-// for every core on HD frames. Chosen, not yet measured against other sizes.
+// for every core on HD frames. docs/performance.md ("Tile size") compared sizes from 2048x1 to
+// 128x128 and found no ordering that held above the shared machine's noise, so this stayed.
 constexpr int kDefaultTileWidth = 1024;
 constexpr int kDefaultTileHeight = 16;
 
@@ -80,6 +85,31 @@ Script readScript(const Invocation& in) {
     std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     if (file.bad()) throw FileError("cannot read " + in.scriptPath);
     return {in.scriptPath, text};
+}
+
+// An ExBase's reason on one line, any mangled type name in it made readable (the host's
+// messages name types as the source does; a plug-in's may not).
+std::string readableReason(const ExBase& e) {
+    std::string text;
+    std::istringstream words(e.getReason());
+    for (std::string word; words >> word;) {
+        std::string core = word, tail;
+        while (!core.empty() && std::strchr(",;:)", core.back())) {
+            tail.insert(tail.begin(), core.back());
+            core.pop_back();
+        }
+        // Itanium ABI names: _Z… for symbols, N…E for nested type names.
+        const bool mangled = core.size() > 3 && (core.starts_with("_Z") ||
+                             (core[0] == 'N' && std::isdigit((unsigned char)core[1]) && core.back() == 'E'));
+        if (mangled) {
+            int status = 0;
+            char* readable = abi::__cxa_demangle(core.c_str(), nullptr, nullptr, &status);
+            if (status == 0 && readable) core = readable;
+            std::free(readable);
+        }
+        text += (text.empty() ? "" : " ") + core + tail;
+    }
+    return text.empty() ? "unknown failure" : text;
 }
 
 // SCRIPT:LINE: MESSAGE (or SCRIPT: MESSAGE for line 0), then the script's line if there is one.
@@ -189,9 +219,12 @@ struct Frame {
 };
 
 int render(PebController& controller, const Invocation& in, const Script& script) {
-    for (const ParameterOption& p : in.parameters)
-        if (p.type == PebInterpreterTypes::Image && !p.value)
-            throw UsageError("render needs a file for the image input: -i " + p.name + "=FILE");
+    const ParameterOption* firstImage = nullptr;
+    for (const ParameterOption& p : in.parameters) {
+        if (p.type != PebInterpreterTypes::Image) continue;
+        if (!p.value) throw UsageError("render needs a file for the image input: -i " + p.name + "=FILE");
+        if (!firstImage) firstImage = &p;
+    }
     std::vector<Frame> frames;
     if (in.frames)
         for (int f = in.frames->first; f <= in.frames->second; ++f) frames.push_back({double(f), f});
@@ -200,33 +233,57 @@ int render(PebController& controller, const Invocation& in, const Script& script
     const auto expand = [](const std::string& path, const Frame& frame) {
         return frame.number ? expandFramePath(path, *frame.number) : path;
     };
+    // A frame of a sequence input is read at its frame; a still input once, for every frame.
+    const auto isSequence = [&in](const ParameterOption& p) { return in.frames && hasFramePattern(*p.value); };
 
-    // Refused before any work: rendering over an input, an output that can't be written.
-    bool hasImageInput = false;
+    // Refused before any work: rendering over an input, an output that can't be written, an
+    // input (any frame of it) that can't be read.
     for (const Frame& frame : frames) {
         const std::string output = expand(in.outputPath, frame);
         for (const ParameterOption& p : in.parameters)
-            if (p.type == PebInterpreterTypes::Image) {
-                hasImageInput = true;
-                if (samePath(output, expand(*p.value, frame)))
-                    throw UsageError("refusing to render over the input " + expand(*p.value, frame) + " (-i " + p.name + ")");
-            }
+            if (p.type == PebInterpreterTypes::Image && samePath(output, expand(*p.value, frame)))
+                throw UsageError("refusing to render over the input " + expand(*p.value, frame) + " (-i " + p.name + ")");
         checkWritable(output);
     }
-    if (!hasImageInput && !in.size) throw UsageError("--size WxH is required when there is no image input");
+    if (!firstImage && !in.size) throw UsageError("--size WxH is required when there is no image input");
+    std::vector<PxNodePtr<const PxImageProtocol>> stills(in.parameters.size());
+    for (std::size_t i = 0; i < in.parameters.size(); ++i) {
+        const ParameterOption& p = in.parameters[i];
+        if (p.type != PebInterpreterTypes::Image) continue;
+        if (isSequence(p))
+            for (const Frame& frame : frames) checkReadable(expand(*p.value, frame));
+        else
+            stills[i] = readImage(*p.value, PxValidityInterval::getFull());
+    }
+    // The output's rectangle is the first image input's (host.md); --size only stands in for it.
+    if (firstImage && in.size)
+        std::cerr << "kel: --size is ignored: the image input " << firstImage->name << " (" << *firstImage->value
+                  << ") gives the output's size\n";
 
-    if (!compile(controller, in, script)) {
-        printErrors(script, controller.getErrors());
+    // With --json the report carries the script's messages: no human text then (cli.md).
+    const bool ok = compile(controller, in, script);
+    if (!in.json) printErrors(script, controller.getErrors());
+    if (!ok) {
         if (in.json) std::cout << "{" << jsonStatus(false, controller.getErrors()) << "}\n";
         return kExitRefused;
     }
-    printErrors(script, controller.getErrors());
 
     PxRequestMgr& requests = PxRequestMgr::getInstance();
     Watchdog watchdog(in.timeout);
     PxTileRenderer renderer(in.threads);
     ProgressBar bar(frames.size());
     std::vector<std::string> reports;
+    // Every frame goes to a temporary file; all are renamed into place after the last one, and
+    // a failure or cancellation anywhere removes them all (no partial output, cli.md).
+    OutputFiles outputs;
+    const auto cancelled = [&] {
+        bar.clear();
+        std::cerr << "kel: render cancelled"
+                  << (watchdog.expired() ? " after the time limit of " + (std::ostringstream() << *in.timeout).str() + " s"
+                                         : gInterrupted ? " by an interrupt" : "")
+                  << "; nothing written to " << in.outputPath << "\n";
+        return kExitCancelled;
+    };
 
     for (std::size_t f = 0; f < frames.size(); ++f) {
         const Frame& frame = frames[f];
@@ -234,14 +291,14 @@ int render(PebController& controller, const Invocation& in, const Script& script
         const PxValidityInterval instant(frame.time, 2, frame.time, 2);
         Vector<PxNodePtr<const PxImageProtocol>> inputs;
         Vector<double> values;
-        PxNodePtr<const PxImageProtocol> first;
-        for (const ParameterOption& p : in.parameters) {
+        for (std::size_t i = 0; i < in.parameters.size(); ++i) {
+            const ParameterOption& p = in.parameters[i];
             if (p.type == PebInterpreterTypes::Float) values.push_back(p.value ? parseFloatValue("-f", *p.value) : 0.0);
             if (p.type != PebInterpreterTypes::Image) continue;
-            const bool sequence = frame.number && hasFramePattern(*p.value);
-            inputs.push_back(readImage(expand(*p.value, frame), sequence ? instant : PxValidityInterval::getFull()));
-            if (!first) first = inputs.back();
+            inputs.push_back(isSequence(p) ? readImage(expand(*p.value, frame), instant) : stills[i]);
         }
+        PxNodePtr<const PxImageProtocol> first;
+        if (!inputs.empty()) first = inputs.front();
         IxPixelFormat format;
         if (in.pixelAspect) {
             format.aspectNum = in.pixelAspect->first;
@@ -256,10 +313,10 @@ int render(PebController& controller, const Invocation& in, const Script& script
         context.tileHeight = in.tile ? in.tile->second : kDefaultTileHeight;
         PxRODResult rod;
         rod.validity = PxValidityInterval::getFull();
-        if (in.size)
-            rod.rect = GeRectangle<float>(0.0f, float(in.size->first) * format.aspect(), 0.0f, float(in.size->second));
-        else
+        if (first)
             rod.rect = first->getROD(context).rect;
+        else
+            rod.rect = GeRectangle<float>(0.0f, float(in.size->first) * format.aspect(), 0.0f, float(in.size->second));
 
         // The rendered image and the file's buffer, refused before the size overflows an int.
         const double scale = 1.0 / double(1 << in.scaleLevel);
@@ -274,20 +331,15 @@ int render(PebController& controller, const Invocation& in, const Script& script
         try {
             image = renderer.render(*node, rect, context);
         } catch (const ExCancelled&) {
-            bar.clear();
-            std::cerr << "kel: render cancelled"
-                      << (watchdog.expired() ? " after the time limit of " + (std::ostringstream() << *in.timeout).str() + " s"
-                                             : gInterrupted ? " by an interrupt" : "")
-                      << "; nothing written to " << expand(in.outputPath, frame) << "\n";
-            return kExitCancelled;
+            return cancelled();
         }
-        if (requests.isCancelled()) {
-            std::cerr << "kel: render cancelled; nothing written to " << expand(in.outputPath, frame) << "\n";
-            return kExitCancelled;
-        }
-        writeImageAtomically(expand(in.outputPath, frame), image, format);
+        if (requests.isCancelled()) return cancelled();
+        outputs.write(expand(in.outputPath, frame), image, format);
         if (in.json) reports.push_back(jsonRender(controller.getErrors(), image, in.dump));
     }
+    if (requests.isCancelled()) return cancelled();
+    bar.clear();
+    outputs.commit();
     if (in.json) {
         if (in.frames) {
             std::cout << "{\"frames\": [";
@@ -302,16 +354,46 @@ int render(PebController& controller, const Invocation& in, const Script& script
 
 int runCheck(PebController& controller, const Invocation& in, const Script& script) {
     const bool ok = compile(controller, in, script);
-    printErrors(script, controller.getErrors());
-    if (in.json) std::cout << "{" << jsonStatus(ok, controller.getErrors()) << "}\n";
+    if (in.json)
+        std::cout << "{" << jsonStatus(ok, controller.getErrors()) << "}\n";
+    else
+        printErrors(script, controller.getErrors());
     return ok ? kExitOk : kExitRefused;
 }
+
+// Why a tree that compiled has no printed form: the one case of spec Part 4.1, else the reason.
+std::string unprintableReason(const ExBase& e) {
+    if (dynamic_cast<const ExNullPtr*>(&e))
+        return "a 'for' loop without its first or third clause has no printed form";
+    return readableReason(e);
+}
+
+// Standard output goes to `buffer` while this lives.
+class CaptureStandardOutput {
+public:
+    explicit CaptureStandardOutput(std::ostream& buffer) : _saved(std::cout.rdbuf(buffer.rdbuf())) {}
+    ~CaptureStandardOutput() { std::cout.rdbuf(_saved); }
+    CaptureStandardOutput(const CaptureStandardOutput&) = delete;
+    CaptureStandardOutput& operator=(const CaptureStandardOutput&) = delete;
+
+private:
+    std::streambuf* _saved;
+};
 
 int runPrint(PebController& controller, const Invocation& in, const Script& script) {
     const bool ok = compile(controller, in, script);
     printErrors(script, controller.getErrors());
     if (!ok) return kExitRefused;
-    controller.printProgram();
+    // The tree reaches standard output only when all of it printed.
+    std::ostringstream tree;
+    try {
+        const CaptureStandardOutput capture(tree);
+        controller.printProgram();
+    } catch (const ExBase& e) {
+        std::cerr << "kel: the tree cannot be printed: " << unprintableReason(e) << "\n";
+        return kExitRefused;
+    }
+    std::cout << tree.str();
     std::cout.flush();
     return kExitOk;
 }
@@ -364,7 +446,7 @@ int runCommand(const Invocation& in) {
         return kExitCancelled;
     } catch (const ExBase& e) {
         // A failure of the script at run time, or of the engine: the script was not rendered.
-        std::cerr << "kel: " << e.getReason() << "\n";
+        std::cerr << "kel: " << readableReason(e) << "\n";
         return kExitRefused;
     }
 }

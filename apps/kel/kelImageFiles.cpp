@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <new>
 
 namespace Zt::KelApp {
@@ -88,8 +89,11 @@ void checkFitsInMemory(const std::string& what, long long width, long long heigh
                         std::to_string((long long)(available / 1048576.0)) + " MiB");
 }
 
-PxNodePtr<PxMemoryImage> readImage(const std::string& path, const PxValidityInterval& validity) {
-    const QuietStandardError quiet;
+namespace {
+
+// The file opened and its header checked: it has pixels, and its data as floats and the RGBA
+// image fit in memory. Called with standard error quiet.
+std::unique_ptr<ImageInput> openInput(const std::string& path) {
     auto in = ImageInput::open(path);
     if (!in) throw FileError("cannot read " + path + ": " + oneLine(OIIO::geterror()));
     const ImageSpec& spec = in->spec();
@@ -99,6 +103,21 @@ PxNodePtr<PxMemoryImage> readImage(const std::string& path, const PxValidityInte
                         std::to_string(height) + ", " + std::to_string(channels) + " channels)");
     // The file's data as floats, then the RGBA image: refused before either is allocated.
     checkFitsInMemory("cannot read " + path, width, height, 4LL * channels + sizeof(Color));
+    return in;
+}
+
+}  // namespace
+
+void checkReadable(const std::string& path) {
+    const QuietStandardError quiet;
+    openInput(path);
+}
+
+PxNodePtr<PxMemoryImage> readImage(const std::string& path, const PxValidityInterval& validity) {
+    const QuietStandardError quiet;
+    const auto in = openInput(path);
+    const ImageSpec& spec = in->spec();
+    const int width = spec.width, height = spec.height, channels = spec.nchannels;
     std::vector<float> data;
     std::vector<Color> pixels;
     try {
@@ -197,11 +216,11 @@ bool readsBack(const fs::path& path) {
 
 }  // namespace
 
-void writeImageAtomically(const std::string& path, const PxRenderedImage& image, const IxPixelFormat& format) {
+void OutputFiles::write(const std::string& path, const PxRenderedImage& image, const IxPixelFormat& format) {
     const fs::path target = fs::absolute(fs::path(path));
     const fs::path temporary = temporaryPath(target);
     auto out = ImageOutput::create(path);
-    if (!out) throw FileError("cannot write " + path + ": " + OIIO::geterror());
+    if (!out) throw FileError("cannot write " + path + ": " + oneLine(OIIO::geterror()));
     const std::string formatName = out->format_name();
     const int width = image.rect.width(), height = image.rect.height();
     const int channels = out->supports("alpha") ? 4 : 3;
@@ -227,17 +246,34 @@ void writeImageAtomically(const std::string& path, const PxRenderedImage& image,
         written = false;
         reason = "the file written is incomplete (is the disk full?)";
     }
-    std::error_code error;
     if (!written) {
-        fs::remove(temporary, error);
-        throw FileError("cannot write " + path + ": " + reason);
-    }
-    fs::rename(temporary, target, error);
-    if (error) {
         std::error_code ignored;
         fs::remove(temporary, ignored);
-        throw FileError("cannot write " + path + ": " + error.message());
+        throw FileError("cannot write " + path + ": " + reason);
     }
+    _pending.push_back({path, temporary, target});
+}
+
+void OutputFiles::commit() {
+    for (std::size_t i = 0; i < _pending.size(); ++i) {
+        std::error_code error;
+        fs::rename(_pending[i].temporary, _pending[i].target, error);
+        if (error) {
+            const std::string message = "cannot write " + _pending[i].path + ": " + error.message();
+            _pending.erase(_pending.begin(), _pending.begin() + std::ptrdiff_t(i));
+            discard();
+            throw FileError(message);
+        }
+    }
+    _pending.clear();
+}
+
+void OutputFiles::discard() noexcept {
+    for (const Pending& p : _pending) {
+        std::error_code ignored;
+        fs::remove(p.temporary, ignored);
+    }
+    _pending.clear();
 }
 
 }  // namespace Zt::KelApp

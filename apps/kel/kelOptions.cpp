@@ -77,11 +77,33 @@ std::pair<int, int> parseSize(const std::string& option, const std::string& text
     return {std::stoi(m[1]), std::stoi(m[2])};
 }
 
+namespace {
+
+// The times that a validity interval can hold (PxValidityInterval::kMinTime, kMaxTime).
+std::string timeLimits() {
+    char text[96];
+    std::snprintf(text, sizeof text, "from %.0f to %.0f", PxValidityInterval::kMinTime, PxValidityInterval::kMaxTime);
+    return text;
+}
+
+bool withinTimeLimits(double time) {
+    return std::isfinite(time) && time >= PxValidityInterval::kMinTime && time <= PxValidityInterval::kMaxTime;
+}
+
+}  // namespace
+
+double parseTime(const std::string& option, const std::string& text) {
+    double value = 0.0;
+    if (!parseDouble(text, value) || !withinTimeLimits(value)) bad(option, text, "a time " + timeLimits());
+    return value;
+}
+
 std::pair<int, int> parseFrames(const std::string& text) {
-    static const std::regex range("(-?[0-9]{1,7})(?:-(-?[0-9]{1,7}))?");
+    static const std::regex range("(-?[0-9]{1,9})(?:-(-?[0-9]{1,9}))?");
     std::smatch m;
     if (!std::regex_match(text, m, range)) bad("--frames", text, "A-B");
     const int a = std::stoi(m[1]), b = m[2].matched ? std::stoi(m[2]) : a;
+    if (!withinTimeLimits(a) || !withinTimeLimits(b)) bad("--frames", text, "A-B with frames " + timeLimits());
     if (b < a) bad("--frames", text, "A-B with A <= B");
     return {a, b};
 }

@@ -28,7 +28,9 @@ double parseFloatValue(const std::string& option, const std::string& text);
 std::vector<double> parseColorValue(const std::string& option, const std::string& text);
 // WxH, both positive.
 std::pair<int, int> parseSize(const std::string& option, const std::string& text);
-// A-B (or a single frame A), A <= B.
+// A time: a finite number within the validity limits (PxValidityInterval::kMinTime, kMaxTime).
+double parseTime(const std::string& option, const std::string& text);
+// A-B (or a single frame A), A <= B, both within the validity limits.
 std::pair<int, int> parseFrames(const std::string& text);
 // N/D (or N), both positive.
 std::pair<int, int> parseRatio(const std::string& option, const std::string& text);

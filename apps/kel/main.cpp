@@ -1,6 +1,7 @@
 // The `kel` command (cli.md): compiles a KEL script against a parameter list through the tool
 // "KEL" that the plug-in package registered, and renders it over image files. This file holds
-// the command line; kelRender.cpp the commands.
+// the command line; kelCommands.cpp the commands (kelOptions.cpp the option values,
+// kelImageFiles.cpp the image files, kelJson.cpp the JSON report).
 #include <CLI/CLI.hpp>
 #include <map>
 #include <iostream>
@@ -70,13 +71,16 @@ int main(int argc, char** argv) {
                        "the output file; the format follows the extension (.exr: 32-bit float RGBA)")
         ->type_name("FILE")->required()->group(options);
     render->add_option("--size", size,
-                       "the output's full-resolution size in pixels; required when there is no image input, which "
-                       "otherwise gives the size")
+                       "the output's full-resolution size in pixels; required when there is no image input; with "
+                       "one, the first image input gives the size and --size is ignored with a warning")
         ->type_name("WxH")->group(options);
-    render->add_option("--time", time, "the context's time, the value of t; default 0")->type_name("T")->group(options);
+    render->add_option("--time", time,
+                       "the context's time, the value of t; default 0; from -31536000 to 31536000; not with --frames")
+        ->type_name("T")->group(options);
     render->add_option("--frames", frames,
                        "render frames A to B, the time being the frame number; # (one per digit) or %0Nd in -i and "
-                       "-o paths stand for the frame number")
+                       "-o paths stand for the frame number (-o needs one for more than one frame); all frames are "
+                       "written, or none")
         ->type_name("A-B")->group(options);
     render->add_option("--scale-level", scaleLevel, "render at a scale of 1/2^N (a proxy); default 0")
         ->type_name("N")->group(options);
@@ -90,7 +94,8 @@ int main(int argc, char** argv) {
         ->type_name("SECONDS")->group(options);
     render->add_flag("--json", in.json,
                      "print a JSON report on standard output instead of human text: ok, errors, width, height, "
-                     "validity (frames: a list of such reports)")
+                     "validity (frames: a list of such reports); usage and file errors and cancellations still "
+                     "print their line on standard error")
         ->group(options);
     render->add_flag("--dump", in.dump, "with --json: include every output pixel, rows from the bottom up, as [r, g, b, a]")
         ->group(options);
@@ -105,7 +110,7 @@ int main(int argc, char** argv) {
                                                   "Compile only, and report the errors.");
     addScriptOptions(*check, in, false);
     check->add_flag("--json", in.json,
-                    "print a JSON report on standard output: {\"ok\": true|false, \"errors\": [{\"line\": N, \"message\": TEXT}]}")
+                    "print a JSON report on standard output instead of the messages on standard error: {\"ok\": true|false, \"errors\": [{\"line\": N, \"message\": TEXT}]}")
         ->group("Report");
     check->footer(std::string(kParametersFooter) +
                   "\n\nExit status 0 when the script compiles (errors listed then are warnings), 1 when it is\n"
@@ -114,7 +119,10 @@ int main(int argc, char** argv) {
     CLI::App* print = app.add_subcommand("print", "kel print (SCRIPT | -e TEXT) [PARAMETERS]\n"
                                                   "Compile and, on success, write the script's syntax tree to standard output.");
     addScriptOptions(*print, in, false);
-    print->footer(kParametersFooter);
+    print->footer(std::string(kParametersFooter) +
+                  "\n\nThe tree is written only when all of it prints: a 'for' without its first or third\n"
+                  "clause has no printed form (exit status 1, nothing on standard output).\n\n"
+                  "Exit status 0 printed, 1 refused or not printable, 2 for a usage error or an unreadable script.");
 
     app.add_subcommand("tools", "kel tools\nList the tools that the loaded packages registered: name, display name and "
                                 "description, one tool a line, tab-separated.");
@@ -149,8 +157,14 @@ int main(int argc, char** argv) {
         }
         if (command == render) {
             if (!size.empty()) in.size = parseSize("--size", size);
-            if (!time.empty()) in.time = parseFloatValue("--time", time);
+            if (render->count("--time") > 0 && render->count("--frames") > 0)
+                throw UsageError("--time and --frames exclude each other: with --frames the time is the frame number");
+            if (render->count("--time") > 0) in.time = parseTime("--time", time);
             if (!frames.empty()) in.frames = parseFrames(frames);
+            // Every frame of a sequence written to one path would leave the last frame only.
+            if (in.frames && in.frames->second > in.frames->first && !hasFramePattern(in.outputPath))
+                throw UsageError("--frames " + frames + " renders several frames, but -o " + in.outputPath +
+                                 " has no frame pattern (# or %0Nd) to tell them apart");
             if (!scaleLevel.empty()) in.scaleLevel = parseInteger("--scale-level", scaleLevel, 0, 16);
             if (!pixelAspect.empty()) in.pixelAspect = parseRatio("--pixel-aspect", pixelAspect);
             if (!threads.empty()) in.threads = parseInteger("--threads", threads, 1, 4096);
