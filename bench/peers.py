@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """Times the reference effects E1-E7 in the tools a user would pick instead of KEL (issue 8):
-numpy (every effect, vectorised whole-frame arrays), ImageMagick -fx (E1) and G'MIC -fill (E1,
-E3, E5), on the same 2048x1556 RGBA float frame. Prints a Markdown table; a peer that is not
-installed is reported as such. The timings include what each tool needs to run the effect: for
-the command-line tools that is the whole command (with reading and writing a float file), which
-is noted in the table."""
+numpy (every effect, vectorised whole-frame arrays), ImageMagick -fx (E1), G'MIC -fill (E1,
+E3, E5) and KSeExpr (E1-E5, E7: bench/peers/kseexpr_bench.cpp, built here against the installed
+library with the project's flags), on the same 2048x1556 RGBA float frame. Prints a Markdown
+table; a peer that is not installed (or whose harness does not build) is reported as such. The
+timings include what each tool needs to run the effect: for the command-line tools that is the
+whole command (with reading and writing a float file), which is noted in the table."""
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -111,11 +113,15 @@ def command_rows():
         # /usr/local/bin/convert may be a stand-in; ImageMagick's own is in /usr/bin.
         convert = "/usr/bin/convert" if os.path.exists("/usr/bin/convert") else shutil.which("convert")
         if convert:
-            subprocess.run([convert, "-size", "%dx%d" % (W, H), "gradient:", "-depth", "32", "-define",
-                            "quantum:format=floating-point", src], check=True, capture_output=True)
-            out = os.path.join(tmp, "out.miff")
-            t = best(lambda: subprocess.run([convert, src, "-fx", "u*1.5", out], check=True, capture_output=True), 1)
-            rows.append(("ImageMagick -fx", "E1 gain", "%.1f" % (MPIX / t), "whole command, with file I/O"))
+            try:
+                subprocess.run([convert, "-size", "%dx%d" % (W, H), "gradient:", "-depth", "32", "-define",
+                                "quantum:format=floating-point", src], check=True, capture_output=True)
+                out = os.path.join(tmp, "out.miff")
+                t = best(lambda: subprocess.run([convert, src, "-fx", "u*1.5", out], check=True, capture_output=True), 1)
+                rows.append(("ImageMagick -fx", "E1 gain", "%.1f" % (MPIX / t), "whole command, with file I/O"))
+            except subprocess.CalledProcessError:
+                # e.g. only the stand-in is there, which does not do -fx
+                rows.append(("ImageMagick -fx", "E1", "not installed", "%s failed" % convert))
         else:
             rows.append(("ImageMagick -fx", "E1", "not installed", ""))
         if shutil.which("gmic"):
@@ -123,9 +129,12 @@ def command_rows():
                     "E3 math": "c==0?sin(x*0.01)*cos(y*0.013):c==1?sqrt(abs(sin(x*0.002+y*0.003))):c==2?atan2(y-700,x-1000)/6.2832+0.5:1",
                     "E5 key": "i(x,y,0,0)>0.5?i:i*0.25"}
             for name, expr in cmds.items():
-                t = best(lambda: subprocess.run(["gmic", "-v", "-", "%d,%d,1,4" % (W, H), "-fill", expr], check=True,
-                                                capture_output=True), 1)
-                rows.append(("G'MIC -fill", name, "%.1f" % (MPIX / t), "whole command, in memory, all cores"))
+                try:
+                    t = best(lambda: subprocess.run(["gmic", "-v", "-", "%d,%d,1,4" % (W, H), "-fill", expr], check=True,
+                                                    capture_output=True), 1)
+                    rows.append(("G'MIC -fill", name, "%.1f" % (MPIX / t), "whole command, in memory, all cores"))
+                except subprocess.CalledProcessError:
+                    rows.append(("G'MIC -fill", name, "failed", "gmic exited with an error"))
         else:
             rows.append(("G'MIC -fill", "E1, E3, E5", "not installed", ""))
     finally:
@@ -133,12 +142,53 @@ def command_rows():
     return rows
 
 
+def kseexpr_rows():
+    """Builds bench/peers/kseexpr_bench.cpp against KSeExpr (Debian: libkseexpr-dev) with the
+    project's Release flags (-O2, no -ffast-math) and returns the rows it prints."""
+    here = os.path.dirname(os.path.abspath(__file__))
+    source = os.path.join(here, "peers", "kseexpr_bench.cpp")
+    cxx = os.environ.get("CXX") or shutil.which("g++")
+    flags, version = None, ""
+    if shutil.which("pkg-config") and subprocess.run(["pkg-config", "--exists", "kseexpr"]).returncode == 0:
+        pc = lambda *a: subprocess.run(["pkg-config"] + list(a) + ["kseexpr"], capture_output=True, text=True).stdout.split()
+        # The .pc's Libs names no library: -lKSeExpr is added.
+        flags = pc("--cflags") + pc("--libs") + ["-lKSeExpr"]
+        version = ".".join(((pc("--modversion") or [""])[0].split(".") + ["0"] * 3)[:3])  # 4.0.4.0 -> 4.0.4
+    elif os.path.exists("/usr/include/KSeExpr/Expression.h"):
+        flags = ["-lKSeExpr"]
+    if flags is None:
+        return [("KSeExpr", "E1-E7", "not installed", "libkseexpr-dev")]
+    if not cxx:
+        return [("KSeExpr", "E1-E7", "not measured", "no C++ compiler")]
+    tmp = tempfile.mkdtemp()
+    try:
+        exe = os.path.join(tmp, "kseexpr_bench")
+        cmd = [cxx, "-std=c++20", "-O2", "-DNDEBUG"] + (['-DKSEEXPR_VERSION="%s"' % version] if version else []) + \
+            [source, "-o", exe] + flags
+        build = subprocess.run(cmd, capture_output=True, text=True)
+        if build.returncode != 0:
+            first = next((l for l in build.stderr.splitlines() if "error" in l), build.stderr.strip()[:200])
+            return [("KSeExpr", "E1-E7", "harness does not build", first.replace("|", " ").strip())]
+        run = subprocess.run([exe], capture_output=True, text=True, timeout=1800)
+        rows = []
+        for line in run.stdout.splitlines():
+            cells = [c.strip() for c in line.strip().strip("|").split("|")]
+            if len(cells) == 4:
+                rows.append(tuple(cells))
+        if run.returncode != 0 and not rows:
+            rows.append(("KSeExpr", "E1-E7", "harness failed", re.sub(r"\s+", " ", run.stderr)[:200].replace("|", " ")))
+        return rows
+    except subprocess.TimeoutExpired:
+        return [("KSeExpr", "E1-E7", "harness timed out", "")]
+    finally:
+        shutil.rmtree(tmp, ignore_errors=True)
+
+
 def main():
-    rows = numpy_rows() + command_rows()
+    rows = numpy_rows() + command_rows() + kseexpr_rows()
     print("| peer | effect | Mpix/s | how |\n|---|---|---|---|")
     for r in rows:
         print("| %s | %s | %s | %s |" % r)
-    print("\nKSeExpr (libkseexpr-dev) is not measured yet: it needs a small C++ harness.")
 
 
 if __name__ == "__main__":

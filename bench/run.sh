@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # One command for the performance figures (issue 8): builds (Release, the project's flags), runs
 # the end-to-end effects benchmark three times, the micro-benchmarks, and the peers that a user
-# would pick instead (numpy, ImageMagick -fx, G'MIC -fill; installed from Debian when missing),
+# would pick instead (numpy, ImageMagick -fx, G'MIC -fill, KSeExpr through a small C++ harness that
+# bench/peers.py builds; installed from Debian when missing),
 # and writes docs/performance.md with the tables, the machine, the commands and the analysis
 # (bench/analysis.md). Usage: bench/run.sh [BUILD_DIR]   (default: build-perf)
 set -euo pipefail
@@ -10,7 +11,7 @@ build=${1:-"$here/build-perf"}
 "$here/scripts/setup.sh" "$build" >/dev/null
 # The peers, from Debian.
 SUDO=""; [ "$(id -u)" -ne 0 ] && SUDO=sudo
-for p in gmic imagemagick python3-numpy; do
+for p in gmic imagemagick python3-numpy libkseexpr-dev; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' ||
     DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "$p" >/dev/null ||
     echo "run.sh: could not install $p; its rows will say so" >&2
