@@ -175,6 +175,65 @@ TEST(KelFastPathScanline, MaskedFloatStoresKeepTheOldBitsWhereTheConditionIsZero
     }
 }
 
+// The colour stores select whole colours with SSE: against the per-column branch, for colour
+// and float sources, the same bits (NaN payloads of kept and copied columns included).
+TEST(KelFastPathScanline, MaskedColourStoresKeepTheOldBitsWhereTheConditionIsZero) {
+    using CStore = void (*)(IxScanline<Color>&, const IxScanline<Color>&, const IxScanline<float>*, Limit);
+    using FStore = void (*)(IxScanline<Color>&, const IxScanline<float>&, const IxScanline<float>*, Limit);
+    const std::pair<CStore, PlainStore> colourStores[] = {
+        {U::copyIf<Color, Color>, [](float, float s) { return s; }},
+        {U::accumulateScanline<Color, Color>, [](float d, float s) { return d + s; }},
+        {U::divAssignScanline<Color, Color>, [](float d, float s) { return d / s; }},
+    };
+    const std::pair<FStore, PlainStore> floatStores[] = {
+        {U::copyIf<Color, float>, [](float, float s) { return s; }},
+        {U::mulAssignScanline<Color, float>, [](float d, float s) { return d * s; }},
+    };
+    for (unsigned seed = 1; seed <= 10; ++seed) {
+        std::vector<std::vector<float>> d, s;
+        for (int k = 0; k < 4; ++k) {
+            d.push_back(specials(seed * 7 + unsigned(k)));
+            s.push_back(specials(seed * 11 + 100 + unsigned(k)));
+        }
+        std::vector<float> c = specials(seed + 70);
+        for (std::size_t i = 0; i < c.size(); i += 3) c[i] = (i / 3) % 2 ? -0.0f : 0.0f;
+        Row rc(c), rs0(s[0]);
+        auto fill = [](IxScanline<Color>& row, const std::vector<std::vector<float>>& channels) {
+            for (int x = kColumns.min; x < kColumns.max; ++x)
+                for (int k = 0; k < 4; ++k) row[x][k] = channels[std::size_t(k)][std::size_t(x - kColumns.min)];
+        };
+        IxScanline<Color> source{kColumns, IxPaddingPolicy<Color>{4, Color::ZERO}};
+        fill(source, s);
+        auto check = [&](const IxScanline<Color>& out, PlainStore plain, bool fromFloat, bool copy) {
+            for (int x = kColumns.min; x < kColumns.max; ++x) {
+                const std::size_t i = std::size_t(x - kColumns.min);
+                for (int k = 0; k < 4; ++k) {
+                    const float old = d[std::size_t(k)][i], src = fromFloat ? s[0][i] : s[std::size_t(k)][i];
+                    const float e = c[i] != 0.0f ? plain(old, src) : old;
+                    if (!copy && c[i] != 0.0f && std::isnan(e)) EXPECT_TRUE(std::isnan(out[x][k])) << x;
+                    else EXPECT_EQ(bits(out[x][k]), bits(e)) << "column " << x << " channel " << k;
+                }
+            }
+        };
+        bool copy = true;
+        for (const auto& [fast, plain] : colourStores) {
+            IxScanline<Color> out{kColumns, IxPaddingPolicy<Color>{4, Color::ZERO}};
+            fill(out, d);
+            fast(out, source, &rc.s, nullptr);
+            check(out, plain, false, copy);
+            copy = false;
+        }
+        copy = true;
+        for (const auto& [fast, plain] : floatStores) {
+            IxScanline<Color> out{kColumns, IxPaddingPolicy<Color>{4, Color::ZERO}};
+            fill(out, d);
+            fast(out, rs0.s, &rc.s, nullptr);
+            check(out, plain, true, copy);
+            copy = false;
+        }
+    }
+}
+
 }  // namespace
 
 namespace {
