@@ -20,10 +20,6 @@
 #include <cstdint>
 #include <type_traits>
 
-#if defined(__SSE2__)
-#include <xmmintrin.h>
-#endif
-
 #include "IxScanline.h"
 
 namespace Zt {
@@ -234,20 +230,6 @@ private:
                 }
             }
         }
-#if defined(__SSE2__)
-        if constexpr (std::is_same_v<D, Color>) {
-            // A colour column as one SSE register: the new value where the condition is not
-            // 0.0 (NaN included: cmpneq is true for unordered), the old bits elsewhere.
-            const __m128 zero = _mm_setzero_ps();
-            for (; x < hi; ++x) {
-                D updated = d[x];
-                f(updated, s[x]);
-                const __m128 store = _mm_cmpneq_ps(_mm_set1_ps(c[x]), zero);
-                const __m128 old = _mm_loadu_ps(&d[x].r), fresh = _mm_loadu_ps(&updated.r);
-                _mm_storeu_ps(&d[x].r, _mm_or_ps(_mm_and_ps(store, fresh), _mm_andnot_ps(store, old)));
-            }
-        }
-#endif
         for (; x < hi; ++x)
             if (c[x] != 0.0f) f(d[x], s[x]);
     }
