@@ -3,17 +3,15 @@
 // rendered by the host's PxTileRenderer on worker threads.
 #include "kelCommands.h"
 
-#include <cxxabi.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cctype>
 #include <cmath>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -87,28 +85,11 @@ Script readScript(const Invocation& in) {
     return {in.scriptPath, text};
 }
 
-// An ExBase's reason on one line, any mangled type name in it made readable (the host's
-// messages name types as the source does; a plug-in's may not).
+// An ExBase's reason on one line (the host's messages already name types readably, ZtCore.cpp).
 std::string readableReason(const ExBase& e) {
-    std::string text;
-    std::istringstream words(e.getReason());
-    for (std::string word; words >> word;) {
-        std::string core = word, tail;
-        while (!core.empty() && std::strchr(",;:)", core.back())) {
-            tail.insert(tail.begin(), core.back());
-            core.pop_back();
-        }
-        // Itanium ABI names: _Z… for symbols, N…E for nested type names.
-        const bool mangled = core.size() > 3 && (core.starts_with("_Z") ||
-                             (core[0] == 'N' && std::isdigit((unsigned char)core[1]) && core.back() == 'E'));
-        if (mangled) {
-            int status = 0;
-            char* readable = abi::__cxa_demangle(core.c_str(), nullptr, nullptr, &status);
-            if (status == 0 && readable) core = readable;
-            std::free(readable);
-        }
-        text += (text.empty() ? "" : " ") + core + tail;
-    }
+    std::string text = e.getReason();
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    std::replace(text.begin(), text.end(), '\r', ' ');
     return text.empty() ? "unknown failure" : text;
 }
 
