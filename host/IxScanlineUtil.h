@@ -20,6 +20,13 @@
 #include <cstdint>
 #include <type_traits>
 
+// No column of a block depends on another (see kBlock below): GCC's ivdep, clang's equivalent.
+#if defined(__clang__)
+#define KEL_IVDEP _Pragma("clang loop vectorize(enable)")
+#else
+#define KEL_IVDEP _Pragma("GCC ivdep")
+#endif
+
 #include "IxScanline.h"
 
 namespace Zt {
@@ -42,7 +49,7 @@ public:
             // Blocks, as in map1 below: every literal and declaration fills a row (issue 8).
             const float v = value;
             for (; x + kBlock <= hi; x += kBlock) {
-#pragma GCC ivdep
+KEL_IVDEP
                 for (int i = 0; i < kBlock; ++i) d[x + i] = v;
             }
         }
@@ -187,7 +194,7 @@ private:
         int x = lo;
         if constexpr (std::is_same_v<D, float> && std::is_same_v<S, float>) {
             for (; x + kBlock <= hi; x += kBlock) {
-#pragma GCC ivdep
+KEL_IVDEP
                 for (int i = 0; i < kBlock; ++i) d[x + i] = f(s[x + i]);
             }
         }
@@ -202,7 +209,7 @@ private:
         int x = lo;
         if constexpr (std::is_same_v<D, float> && std::is_same_v<A, float> && std::is_same_v<B, float>) {
             for (; x + kBlock <= hi; x += kBlock) {
-#pragma GCC ivdep
+KEL_IVDEP
                 for (int i = 0; i < kBlock; ++i) d[x + i] = f(pa[x + i], pb[x + i]);
             }
         }
@@ -221,7 +228,7 @@ private:
         int x = lo;
         if constexpr (std::is_same_v<D, float> && std::is_same_v<S, float>) {
             for (; x + kBlock <= hi; x += kBlock) {
-#pragma GCC ivdep
+KEL_IVDEP
                 for (int i = 0; i < kBlock; ++i) {
                     const float old = d[x + i];
                     float updated = old;

@@ -236,7 +236,9 @@ TEST(KelGraphUnary, PrefixAndPlusReturnTheOperandItself) {
         KelNodePtr node = unary(op, var("a"));
         KelValuePtr type = node->check(context);
         EXPECT_EQ(node->eval(context).get(), value.get()) << op;
-        if (std::string(op) != "+") EXPECT_EQ(type.get(), value.get()) << op;
+        if (std::string(op) != "+") {
+            EXPECT_EQ(type.get(), value.get()) << op;
+        }
     }
     KelNodePtr minus = unary("-", var("a"));
     minus->check(context);
