@@ -74,37 +74,34 @@ __attribute__((target("avx2,fma"))) void binary8(Binary8 f, float* d, const floa
 }
 
 }  // namespace
-#else
-// Another architecture: no eight-lane functions, every column through the scalar C function.
-namespace {
-struct Table {
-    void (*sin)(float*, const float*, int) = nullptr;
-    void (*cos)(float*, const float*, int) = nullptr;
-    void (*atan2)(float*, const float*, const float*, int) = nullptr;
-};
-const Table& table() {
-    static const Table t;
-    return t;
-}
-void unary8(void (*)(float*, const float*, int), float*, const float*, int) {}
-void binary8(void (*)(float*, const float*, const float*, int), float*, const float*, const float*, int) {}
-}  // namespace
 #endif
 
-bool IxVectorMath::vectorised() { return table().sin != nullptr; }
+bool IxVectorMath::vectorised() {
+#if KEL_VECTOR_MATH
+    return table().sin != nullptr;
+#else
+    return false;
+#endif
+}
 
 void IxVectorMath::sin(float* d, const float* a, int n) {
+#if KEL_VECTOR_MATH
     if (table().sin) return unary8(table().sin, d, a, n);
+#endif
     for (int i = 0; i < n; ++i) d[i] = sinf(a[i]);
 }
 
 void IxVectorMath::cos(float* d, const float* a, int n) {
+#if KEL_VECTOR_MATH
     if (table().cos) return unary8(table().cos, d, a, n);
+#endif
     for (int i = 0; i < n; ++i) d[i] = cosf(a[i]);
 }
 
 void IxVectorMath::atan2(float* d, const float* a, const float* b, int n) {
+#if KEL_VECTOR_MATH
     if (table().atan2) return binary8(table().atan2, d, a, b, n);
+#endif
     for (int i = 0; i < n; ++i) d[i] = atan2f(a[i], b[i]);
 }
 
