@@ -1,5 +1,5 @@
-// The commands of `kel` (cli.md): render, check, print, tools, version, over the invocation that
-// the command line gave.
+// The commands of `kel` (render, check, print, tools, version) over the invocation that the command
+// line gave, and the exit statuses they end with.
 #pragma once
 
 #include <optional>
@@ -11,7 +11,7 @@
 
 namespace Zt::KelApp {
 
-// Exit statuses (cli.md).
+// Exit statuses: what a script or a farm job can tell apart without reading the messages.
 constexpr int kExitOk = 0;
 constexpr int kExitRefused = 1;
 constexpr int kExitUsage = 2;

@@ -1,0 +1,34 @@
+#include "kelPlugins.h"
+
+#include <cstdlib>
+#include <string>
+
+#include "PiPluginLoader.h"
+#include "kelOptions.h"
+
+namespace Zt::KelApp {
+
+void loadPlugins() {
+    PiPluginLoader loader;
+    const std::string fallback = PiPluginLoader::executableDirectory() + "/" KEL_DEFAULT_PLUGIN_DIR;
+    try {
+        for (const std::string& directory : PiPluginLoader::directories(std::getenv("KEL_PLUGIN_PATH"), fallback))
+            loader.loadDirectory(directory);
+        loader.initializePackages();
+    } catch (const ExBase& e) {
+        throw UsageError(e.getReason());
+    }
+}
+
+PebController& createController(std::unique_ptr<PiNodeController>& holder) {
+    loadPlugins();
+    PiToolProtocol* tool = PiToolRegistry::getInstance().find("KEL");
+    if (!tool) throw UsageError("the tool KEL is not registered: no plug-in package offers it (KEL_PLUGIN_PATH)");
+    holder = tool->createController();
+    auto* controller = dynamic_cast<PebController*>(holder.get());
+    if (!controller) throw UsageError("the tool KEL has no expression controller");
+    controller->nodeCreated();
+    return *controller;
+}
+
+}  // namespace Zt::KelApp

@@ -1,0 +1,186 @@
+#include "kelRender.h"
+
+#include <cmath>
+#include <filesystem>
+#include <iostream>
+#include <sstream>
+
+#include "kelCancellation.h"
+#include "kelImageFiles.h"
+#include "kelJson.h"
+#include "kelProgress.h"
+
+namespace Zt::KelApp {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Wide rows amortise the tree walk (one walk per row of a tile); 16 rows keep enough tiles
+// for every core on HD frames. docs/performance.md ("Tile size") compared sizes from 2048x1 to
+// 128x128 and found no ordering that held above the shared machine's noise, so this stayed.
+constexpr int kDefaultTileWidth = 1024;
+constexpr int kDefaultTileHeight = 16;
+
+bool samePath(const std::string& a, const std::string& b) {
+    std::error_code error;
+    if (fs::exists(a, error) && fs::exists(b, error)) return fs::equivalent(a, b, error);
+    return fs::weakly_canonical(fs::absolute(a), error) == fs::weakly_canonical(fs::absolute(b), error);
+}
+
+struct Frame {
+    double time;
+    std::optional<int> number;
+};
+
+// The parameter list in command-line order, the output last.
+void addParameters(PebController& controller, const Invocation& in) {
+    if (!controller.setOutputName(in.outputName)) throw UsageError("invalid output name '" + in.outputName + "'");
+    for (const ParameterOption& p : in.parameters)
+        if (!controller.addDynamicInput(p.name, p.type))
+            throw UsageError("parameter '" + p.name + "' is given twice (or names the output)");
+}
+
+}  // namespace
+
+bool compile(PebController& controller, const Invocation& in, const Script& script) {
+    addParameters(controller, in);
+    controller.setScript(script.text);
+    return controller.isCompiled();
+}
+
+int runRender(PebController& controller, const Invocation& in, const Script& script) {
+    const ParameterOption* firstImage = nullptr;
+    for (const ParameterOption& p : in.parameters) {
+        if (p.type != PebInterpreterTypes::Image) continue;
+        if (!p.value) throw UsageError("render needs a file for the image input: -i " + p.name + "=FILE");
+        if (!firstImage) firstImage = &p;
+    }
+    std::vector<Frame> frames;
+    if (in.frames)
+        for (int f = in.frames->first; f <= in.frames->second; ++f) frames.push_back({double(f), f});
+    else
+        frames.push_back({in.time, std::nullopt});
+    const auto expand = [](const std::string& path, const Frame& frame) {
+        return frame.number ? expandFramePath(path, *frame.number) : path;
+    };
+    // A frame of a sequence input is read at its frame; a still input once, for every frame.
+    const auto isSequence = [&in](const ParameterOption& p) { return in.frames && hasFramePattern(*p.value); };
+
+    // Refused before any work: rendering over an input, an output that can't be written, an
+    // input (any frame of it) that can't be read.
+    for (const Frame& frame : frames) {
+        const std::string output = expand(in.outputPath, frame);
+        for (const ParameterOption& p : in.parameters)
+            if (p.type == PebInterpreterTypes::Image && samePath(output, expand(*p.value, frame)))
+                throw UsageError("refusing to render over the input " + expand(*p.value, frame) + " (-i " + p.name + ")");
+        checkWritable(output);
+    }
+    if (!firstImage && !in.size) throw UsageError("--size WxH is required when there is no image input");
+    std::vector<PxNodePtr<const PxImageProtocol>> stills(in.parameters.size());
+    for (std::size_t i = 0; i < in.parameters.size(); ++i) {
+        const ParameterOption& p = in.parameters[i];
+        if (p.type != PebInterpreterTypes::Image) continue;
+        if (isSequence(p))
+            for (const Frame& frame : frames) checkReadable(expand(*p.value, frame));
+        else
+            stills[i] = readImage(*p.value, PxValidityInterval::getFull());
+    }
+    // The output's rectangle is the first image input's (host.md); --size only stands in for it.
+    if (firstImage && in.size)
+        std::cerr << "kel: --size is ignored: the image input " << firstImage->name << " (" << *firstImage->value
+                  << ") gives the output's size\n";
+
+    // With --json the report carries the script's messages: no human text then.
+    const bool ok = compile(controller, in, script);
+    if (!in.json) printErrors(script, controller.getErrors());
+    if (!ok) {
+        if (in.json) std::cout << "{" << jsonStatus(false, controller.getErrors()) << "}\n";
+        return kExitRefused;
+    }
+
+    PxRequestMgr& requests = PxRequestMgr::getInstance();
+    Watchdog watchdog(in.timeout);
+    PxTileRenderer renderer(in.threads);
+    ProgressBar bar(frames.size());
+    std::vector<std::string> reports;
+    // Every frame goes to a temporary file; all are renamed into place after the last one, and
+    // a failure or cancellation anywhere removes them all (no partial output).
+    OutputFiles outputs;
+    const auto cancelled = [&] {
+        bar.clear();
+        std::cerr << "kel: render cancelled"
+                  << (watchdog.expired() ? " after the time limit of " + (std::ostringstream() << *in.timeout).str() + " s"
+                                         : cancellingSignal() ? std::string(" by ") + cancellingSignal() : "")
+                  << "; nothing written to " << in.outputPath << "\n";
+        return kExitCancelled;
+    };
+
+    for (std::size_t f = 0; f < frames.size(); ++f) {
+        const Frame& frame = frames[f];
+        // A still input holds for all time; a frame of a sequence at its own time only (host.md).
+        const PxValidityInterval instant(frame.time, 2, frame.time, 2);
+        Vector<PxNodePtr<const PxImageProtocol>> inputs;
+        Vector<double> values;
+        for (std::size_t i = 0; i < in.parameters.size(); ++i) {
+            const ParameterOption& p = in.parameters[i];
+            if (p.type == PebInterpreterTypes::Float) values.push_back(p.value ? parseFloatValue("-f", *p.value) : 0.0);
+            if (p.type != PebInterpreterTypes::Image) continue;
+            inputs.push_back(isSequence(p) ? readImage(expand(*p.value, frame), instant) : stills[i]);
+        }
+        PxNodePtr<const PxImageProtocol> first;
+        if (!inputs.empty()) first = inputs.front();
+        IxPixelFormat format;
+        if (in.pixelAspect) {
+            format.aspectNum = in.pixelAspect->first;
+            format.aspectDen = in.pixelAspect->second;
+        } else if (first) {
+            format = first->getFormat();
+        }
+        PxImageContext context;
+        context.time = frame.time;
+        context.scaleLevel = in.scaleLevel;
+        context.tileWidth = in.tile ? in.tile->first : kDefaultTileWidth;
+        context.tileHeight = in.tile ? in.tile->second : kDefaultTileHeight;
+        PxRODResult rod;
+        rod.validity = PxValidityInterval::getFull();
+        if (first)
+            rod.rect = first->getROD(context).rect;
+        else
+            rod.rect = GeRectangle<float>(0.0f, float(in.size->first) * format.aspect(), 0.0f, float(in.size->second));
+
+        // The rendered image and the file's buffer, refused before the size overflows an int.
+        const double scale = 1.0 / double(1 << in.scaleLevel);
+        checkFitsInMemory("cannot render " + expand(in.outputPath, frame),
+                          (long long)std::ceil(double(rod.rect.width()) / format.aspect() * scale),
+                          (long long)std::ceil(double(rod.rect.height()) * scale), 2 * sizeof(Color));
+        const PxNodePtr<const PxImageProtocol> node = controller.createModifierProcNode(inputs, values, rod, format);
+        const GeRectangle<int> rect =
+            PxImageProtocol::nominalToPixelized(rod.rect, format.aspect(), 1.0f / float(1 << in.scaleLevel));
+        renderer.setProgress([&bar, f](std::size_t done, std::size_t total) { bar.update(f, done, total); });
+        PxRenderedImage image;
+        try {
+            image = renderer.render(*node, rect, context);
+        } catch (const ExCancelled&) {
+            return cancelled();
+        }
+        if (requests.isCancelled()) return cancelled();
+        outputs.write(expand(in.outputPath, frame), image, format);
+        if (in.json) reports.push_back(jsonRender(controller.getErrors(), image, in.dump));
+    }
+    if (requests.isCancelled()) return cancelled();
+    bar.clear();
+    outputs.commit();
+    if (in.json) {
+        if (in.frames) {
+            std::cout << "{\"frames\": [";
+            for (std::size_t i = 0; i < reports.size(); ++i) std::cout << (i ? ", " : "") << reports[i];
+            std::cout << "]}\n";
+        } else {
+            std::cout << reports.front() << "\n";
+        }
+    }
+    return kExitOk;
+}
+
+}  // namespace Zt::KelApp
