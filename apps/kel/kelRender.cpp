@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "kelCancellation.h"
+#include "kelFrame.h"
 #include "kelImageFiles.h"
 #include "kelJson.h"
 #include "kelProgress.h"
@@ -15,12 +16,6 @@ namespace Zt::KelApp {
 namespace fs = std::filesystem;
 
 namespace {
-
-// Wide rows amortise the tree walk (one walk per row of a tile); 16 rows keep enough tiles
-// for every core on HD frames. docs/performance.md ("Tile size") compared sizes from 2048x1 to
-// 128x128 and found no ordering that held above the shared machine's noise, so this stayed.
-constexpr int kDefaultTileWidth = 1024;
-constexpr int kDefaultTileHeight = 16;
 
 bool samePath(const std::string& a, const std::string& b) {
     std::error_code error;
@@ -128,45 +123,22 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
             if (p.type != PebInterpreterTypes::Image) continue;
             inputs.push_back(isSequence(p) ? readImage(expand(*p.value, frame), instant) : stills[i]);
         }
-        PxNodePtr<const PxImageProtocol> first;
-        if (!inputs.empty()) first = inputs.front();
-        IxPixelFormat format;
-        if (in.pixelAspect) {
-            format.aspectNum = in.pixelAspect->first;
-            format.aspectDen = in.pixelAspect->second;
-        } else if (first) {
-            format = first->getFormat();
-        }
-        PxImageContext context;
-        context.time = frame.time;
-        context.scaleLevel = in.scaleLevel;
-        context.tileWidth = in.tile ? in.tile->first : kDefaultTileWidth;
-        context.tileHeight = in.tile ? in.tile->second : kDefaultTileHeight;
-        PxRODResult rod;
-        rod.validity = PxValidityInterval::getFull();
-        if (first)
-            rod.rect = first->getROD(context).rect;
-        else
-            rod.rect = GeRectangle<float>(0.0f, float(in.size->first) * format.aspect(), 0.0f, float(in.size->second));
-
-        // The rendered image and the file's buffer, refused before the size overflows an int.
-        const double scale = 1.0 / double(1 << in.scaleLevel);
-        checkFitsInMemory("cannot render " + expand(in.outputPath, frame),
-                          (long long)std::ceil(double(rod.rect.width()) / format.aspect() * scale),
-                          (long long)std::ceil(double(rod.rect.height()) * scale), 2 * sizeof(Color));
-        const PxNodePtr<const PxImageProtocol> node = controller.createModifierProcNode(inputs, values, rod, format);
-        const GeRectangle<int> rect =
-            PxImageProtocol::nominalToPixelized(rod.rect, format.aspect(), 1.0f / float(1 << in.scaleLevel));
+        FrameRequest request;
+        request.time = frame.time;
+        request.scaleLevel = in.scaleLevel;
+        request.pixelAspect = in.pixelAspect;
+        request.size = in.size;
+        request.tile = in.tile;
         renderer.setProgress([&bar, f](std::size_t done, std::size_t total) { bar.update(f, done, total); });
-        PxRenderedImage image;
+        RenderedFrame rendered;
         try {
-            image = renderer.render(*node, rect, context);
+            rendered = renderFrame(controller, renderer, inputs, values, request, expand(in.outputPath, frame));
         } catch (const ExCancelled&) {
             return cancelled();
         }
         if (requests.isCancelled()) return cancelled();
-        outputs.write(expand(in.outputPath, frame), image, format);
-        if (in.json) reports.push_back(jsonRender(controller.getErrors(), image, in.dump));
+        outputs.write(expand(in.outputPath, frame), rendered.image, rendered.format);
+        if (in.json) reports.push_back(jsonRender(controller.getErrors(), rendered.image, in.dump));
     }
     if (requests.isCancelled()) return cancelled();
     bar.clear();

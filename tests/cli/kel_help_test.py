@@ -119,7 +119,7 @@ class KelHelp(unittest.TestCase):
                 self.assertIn(default, line)
 
     def test_tile_default_is_the_one_used(self):
-        # cli.md leaves the tile size to the host: the help must tell the one kelRender.cpp uses.
+        # cli.md leaves the tile size to the host: the help must tell the one kelFrame.h uses.
         with open(COMMANDS_CPP, encoding="utf-8") as f:
             source = f.read()
         width = re.search(r"kDefaultTileWidth = (\d+)", source).group(1)

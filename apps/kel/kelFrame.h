@@ -1,0 +1,41 @@
+// One frame of a compiled script, rendered over its inputs through the host's tile renderer: the
+// single path by which every front end (the command, the live page, the Python module) turns a
+// compiled controller, images and values into pixels, so they all give the same pixels.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "PebController.h"
+#include "PxTileRenderer.h"
+
+namespace Zt::KelApp {
+
+// Wide rows amortise the tree walk (one walk per row of a tile); 16 rows keep enough tiles
+// for every core on HD frames. docs/performance.md ("Tile size") compared sizes from 2048x1 to
+// 128x128 and found no ordering that held above the shared machine's noise, so this stayed.
+constexpr int kDefaultTileWidth = 1024;
+constexpr int kDefaultTileHeight = 16;
+
+struct FrameRequest {
+    double time = 0.0;
+    int scaleLevel = 0;
+    unsigned seed = 0;
+    std::optional<std::pair<int, int>> pixelAspect;  // N/D; default: the first input's, else 1
+    std::optional<std::pair<int, int>> size;         // WxH at full resolution; without an image input
+    std::optional<std::pair<int, int>> tile;         // WxH; default kDefaultTileWidth x kDefaultTileHeight
+};
+
+struct RenderedFrame {
+    PxRenderedImage image;
+    IxPixelFormat format;  // the output's pixel aspect, for the file
+};
+
+// Renders the frame; `what` names it in the message of a frame too large for memory
+// (FileError). Throws ExCancelled when the render is cancelled, and whatever the script throws.
+RenderedFrame renderFrame(PebController& controller, PxTileRenderer& renderer,
+                          const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& values,
+                          const FrameRequest& request, const std::string& what);
+
+}  // namespace Zt::KelApp
