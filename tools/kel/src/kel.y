@@ -31,6 +31,7 @@ namespace Zt { class KelParserProtocol; }
 #include "kelParser.h"
 
 using Zt::kelSyntaxMessage;
+using P = Zt::KelParserProtocol;
 
 // Part 3.2 "Stack limit": three stacks of 1000 entries that do not grow.
 #define YYINITDEPTH 1000
@@ -135,10 +136,10 @@ while_statement
     ;
 
 for_statement
-    : FOR '(' expression ';' expression ';' expression ')' body /* 36 */ { BUILD(protocol.forLoop(7, @1.first_line)); }
-    | FOR '(' ';' expression ';' expression ')' body            /* 37 */ { BUILD(protocol.forLoop(6, @1.first_line)); }
-    | FOR '(' expression ';' expression ';' ')' body            /* 38 */ { BUILD(protocol.forLoop(3, @1.first_line)); }
-    | FOR '(' ';' expression ';' ')' body                       /* 39 */ { BUILD(protocol.forLoop(2, @1.first_line)); }
+    : FOR '(' expression ';' expression ';' expression ')' body /* 36 */ { BUILD(protocol.forLoop(P::ForInit | P::ForCondition | P::ForIncrement, @1.first_line)); }
+    | FOR '(' ';' expression ';' expression ')' body            /* 37 */ { BUILD(protocol.forLoop(P::ForCondition | P::ForIncrement, @1.first_line)); }
+    | FOR '(' expression ';' expression ';' ')' body            /* 38 */ { BUILD(protocol.forLoop(P::ForInit | P::ForCondition, @1.first_line)); }
+    | FOR '(' ';' expression ';' ')' body                       /* 39 */ { BUILD(protocol.forLoop(P::ForCondition, @1.first_line)); }
     | FOR error                                                 /* 40 */ { REPORT("Invalid for structure"); }
     ;
 

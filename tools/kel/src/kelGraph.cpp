@@ -12,17 +12,23 @@ namespace Zt {
 
 // ---- Part 4.6: parameters and declarations ------------------------------------------------------
 
-namespace {
-
-int typeNumber(const std::string& typeName) {
-    auto it = KelOperatorTables::typeNames.find(typeName);
-    return it == KelOperatorTables::typeNames.end() ? 0 : it->second;
+int kelTypeNumber(const std::string& typeName) {
+    struct TypeName {
+        const char* text;
+        int type;
+    };
+    static constexpr TypeName kTypeNames[] = {
+        {"float", KelValueTypes::Float},
+        {"image", KelValueTypes::Image},
+        {"color", KelValueTypes::Color},
+    };
+    for (const TypeName& row : kTypeNames)
+        if (typeName == row.text) return row.type;
+    return 0;
 }
 
-}  // namespace
-
 ParameterNode::ParameterNode(const std::string& name, const std::string& typeName, bool isOutput, int line)
-    : KelSyntaxTree(line), _name(name), _typeName(typeName), _type(typeNumber(typeName)), _direction(isOutput ? 1 : 0) {}
+    : KelSyntaxTree(line), _name(name), _typeName(typeName), _type(kelTypeNumber(typeName)), _direction(isOutput ? 1 : 0) {}
 
 void ParameterNode::print(std::ostream& out) const {
     out << '\t' << (_direction == 1 ? "OUT" : "IN") << ' ' << _typeName << ' ' << _name << '\n';

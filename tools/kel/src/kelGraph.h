@@ -7,7 +7,6 @@
 #pragma once
 
 #include <iostream>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -19,6 +18,31 @@ class KelSyntaxTree;
 class StatementBlockNode;
 class ParameterNode;
 using KelNodePtr = RCShdPtr<KelSyntaxTree>;
+
+// ---- Operators ------------------------------------------------------------------------------
+
+// The binary operators. The order is that of the operator table in kelGraphOperators.cpp;
+// `None` stands for a text that is no operator. The four arithmetic operators are consecutive,
+// and so are the two equality tests: the colour tables are indexed from their first.
+enum class KelBinaryOp : int32_t {
+    None, Add, Subtract, Multiply, Divide, Equal, NotEqual, Or, And, Less, Greater, LessEqual, GreaterEqual, Comma,
+    Count
+};
+// "=", "+=", "-=", "*=", "/=", in the order of the assignment table in kelGraphVariables.cpp.
+// An unknown text is taken as `Set`.
+enum class KelAssignOp : int32_t { Set, Add, Subtract, Multiply, Divide, Count };
+
+// True when row i of `rows` is tagged with operator `first + i`: a table indexed by an
+// operator states its order, and a static_assert holds it to it.
+template <class Row, std::size_t N>
+constexpr bool kelRowsInOrder(const Row (&rows)[N], int first = 0) {
+    for (std::size_t i = 0; i < N; ++i)
+        if (int(rows[i].op) != first + int(i)) return false;
+    return true;
+}
+
+// The type of a declaration's type name: Float, Image or Color; 0 for any other text.
+int kelTypeNumber(const std::string& typeName);
 
 // The base of every node; instantiable, it is the empty statement.
 class KelSyntaxTree : public RCBase<LkCounter<int>>, public KelValueTypes {
@@ -159,7 +183,7 @@ public:
     RCShdPtr<KelValue> check(KelContext& context) override;
 
 private:
-    int32_t _op;  // Part 4.3 binaryOperators
+    KelBinaryOp _op;
     std::string _operator;
     KelNodePtr _left;
     KelNodePtr _right;
@@ -178,7 +202,7 @@ public:
 private:
     std::string _name;
     std::string _operator;
-    int32_t _op;  // Part 4.3 assignOperators
+    KelAssignOp _op;
     KelNodePtr _value;
     int32_t _id = -1;
     int32_t _checkConst;
@@ -282,33 +306,5 @@ public:
 // Part 4.6, the implicit `sample` wrap: replaces `child` by sample(child) made at `line`,
 // checks the new node and returns its prototype (a colour).
 RCShdPtr<KelValue> wrapInSample(KelNodePtr& child, int line, KelContext& context);
-
-// ---- Part 4.3: operator tables -----------------------------------------------------------------
-
-struct KelOperatorTables {
-    using BinaryFloat = void (*)(IxScanline<float>&, const IxScanline<float>&, const IxScanline<float>&, const GeInterval<int>*);
-    using BinaryColor = void (*)(IxScanline<Color>&, const IxScanline<Color>&, const IxScanline<Color>&, const GeInterval<int>*);
-    using BinaryFloatColor = void (*)(IxScanline<Color>&, const IxScanline<float>&, const IxScanline<Color>&, const GeInterval<int>*);
-    using BinaryColorFloat = void (*)(IxScanline<Color>&, const IxScanline<Color>&, const IxScanline<float>&, const GeInterval<int>*);
-    using CompareColor = void (*)(IxScanline<float>&, const IxScanline<Color>&, const IxScanline<Color>&, const GeInterval<int>*);
-    using AssignFloat = void (*)(IxScanline<float>&, const IxScanline<float>&, const IxScanline<float>*, const GeInterval<int>*);
-    using AssignColor = void (*)(IxScanline<Color>&, const IxScanline<Color>&, const IxScanline<float>*, const GeInterval<int>*);
-    using AssignColorFloat = void (*)(IxScanline<Color>&, const IxScanline<float>&, const IxScanline<float>*, const GeInterval<int>*);
-
-    static std::map<std::string, int> assignOperators;
-    static std::map<std::string, int> binaryOperators;
-    static std::map<std::string, int> typeNames;
-    static std::map<int, BinaryFloat> floatOperations;
-    static std::map<int, BinaryColor> colorOperations;
-    static std::map<int, BinaryFloatColor> floatColorOperations;
-    static std::map<int, BinaryColorFloat> colorFloatOperations;
-    static std::map<int, CompareColor> colorCompareOperations;
-    static std::map<int, AssignFloat> floatAssignOperations;
-    static std::map<int, AssignColor> colorAssignOperations;
-    static std::map<int, AssignColorFloat> colorFloatAssignOperations;
-
-    // Builds all eleven, in the order above (Part 6.1 step 4).
-    static void build();
-};
 
 }  // namespace Zt

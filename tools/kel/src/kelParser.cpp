@@ -83,15 +83,15 @@ bool KelParserProtocol::addError(const std::string& message, int line) {
 }
 
 bool KelParserProtocol::forLoop(int parts, int line) {
-    int bodyHeight, thirdHeight = 0, conditionHeight, firstHeight = 0;
+    int bodyHeight, incrementHeight = 0, conditionHeight, initHeight = 0;
     KelBlockPtr body = rcCheckedCast<StatementBlockNode>(pop(bodyHeight));
-    RCShdPtr<KelSyntaxTree> third;
-    if (parts & 4) third = pop(thirdHeight);
+    RCShdPtr<KelSyntaxTree> increment;
+    if (parts & ForIncrement) increment = pop(incrementHeight);
     RCShdPtr<KelSyntaxTree> condition = pop(conditionHeight);
-    RCShdPtr<KelSyntaxTree> first;
-    if (parts & 1) first = pop(firstHeight);
-    return push(new ForNode(first, condition, third, body, line),
-                std::max({bodyHeight, thirdHeight, conditionHeight, firstHeight}) + 1);
+    RCShdPtr<KelSyntaxTree> init;
+    if (parts & ForInit) init = pop(initHeight);
+    return push(new ForNode(init, condition, increment, body, line),
+                std::max({bodyHeight, incrementHeight, conditionHeight, initHeight}) + 1);
 }
 
 bool KelParserProtocol::functionCall(const std::string& name, int line) {

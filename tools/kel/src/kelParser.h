@@ -40,8 +40,10 @@ public:
     virtual bool addError(const std::string& text, const std::string& detail, int line);
     // Appends PebError(message, line) to the caller's list; returns false, always.
     virtual bool addError(const std::string& message, int line);
-    // Pops body (a StatementBlockNode), the third clause if bit 4 of `parts`, the condition, the
-    // first clause if bit 1; pushes ForNode(first, condition, third, body, line).
+    // Which clauses a `for` statement wrote, or-ed together into `forLoop`'s `parts`.
+    enum ForClauses : int { ForInit = 1, ForCondition = 2, ForIncrement = 4 };
+    // Pops body (a StatementBlockNode), the increment if `parts` has ForIncrement, the condition,
+    // the init if `parts` has ForInit; pushes ForNode(init, condition, increment, body, line).
     virtual bool forLoop(int parts, int line);
     // Pushes the built-in's call node; for an unknown name reports "Function undefined : "
     // + name + " at line " + line and returns false.

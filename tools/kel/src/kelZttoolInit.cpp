@@ -12,7 +12,6 @@ namespace Zt {
 
 void kelBuildStaticTables() {
     KelFunctionTable::build();
-    KelOperatorTables::build();
     KelNoise::buildTables();
 }
 
