@@ -97,7 +97,7 @@ Fn operation(Fn fn) {
 
 }  // namespace
 
-// ---- Unary operators -------------------------------------------------------------------------
+// ---- Unary operators ----------------------------------------------------------------------------
 
 namespace {
 
@@ -174,7 +174,7 @@ RCShdPtr<KelValue> UnaryOpNode::check(KelContext& context) {
     return context.newFloat(0);
 }
 
-// ---- Binary operators ------------------------------------------------------------------------
+// ---- Binary operators ---------------------------------------------------------------------------
 
 namespace {
 

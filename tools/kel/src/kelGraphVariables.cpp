@@ -1,4 +1,4 @@
-// Part 4.5: assignment, variables and literals. A variable is one long-lived writable value in
+// Assignment, variables and literals, and the table of assignment operators. A variable is one long-lived writable value in
 // a slot of the KelContext, addressed by the id that `check` gave it; an assignment stores into
 // its scanline at the active columns only, which is how control flow reaches the pixels.
 #include "kelGraph.h"
@@ -51,7 +51,7 @@ const Zt::Color kOpaqueBlack{0.0f, 0.0f, 0.0f, 1.0f};
 
 }  // namespace
 
-// ---- AssignNode --------------------------------------------------------------------------------
+// ---- AssignNode ---------------------------------------------------------------------------------
 
 AssignNode::AssignNode(const std::string& name, const std::string& op, const KelNodePtr& value, int line, int checkConst)
     : KelSyntaxTree(line),
@@ -66,7 +66,7 @@ void AssignNode::print(std::ostream& out) const {
     _value->print(out);
 }
 
-// Part 4.5: the value is computed over all pixels; only the store is masked.
+// The value is computed over all pixels; only the store is masked.
 RCShdPtr<KelValue> AssignNode::eval(KelContext& context) const {
     const AssignOperator& row = kAssignOperators[int(_op)];
     KelValuePtr value = _value->eval(context);
@@ -87,8 +87,9 @@ RCShdPtr<KelValue> AssignNode::eval(KelContext& context) const {
     return variable;
 }
 
-// Part 4.5, steps 1 to 7. The name is looked up before the value is tested for void, and an
-// assignment is no use of the name (no addUsedName).
+// The value is checked first, then the name is looked up before the value is tested for void
+// (the messages come in that order), and an assignment is no use of the name (no addUsedName).
+// An image takes only `=` from an image; a colour takes an image through a `sample` wrap.
 RCShdPtr<KelValue> AssignNode::check(KelContext& context) {
     KelValuePtr prototype = _value->check(context);
     _id = context.getVariableId(_name);
@@ -113,7 +114,7 @@ RCShdPtr<KelValue> AssignNode::check(KelContext& context) {
     return variable;
 }
 
-// ---- InitVarNode -------------------------------------------------------------------------------
+// ---- InitVarNode --------------------------------------------------------------------------------
 
 InitVarNode::InitVarNode(const std::string& typeName, const std::string& name, bool writable, int line)
     : KelSyntaxTree(line),
@@ -122,13 +123,14 @@ InitVarNode::InitVarNode(const std::string& typeName, const std::string& name, b
       _name(name),
       _writable(writable ? 1 : 0) {}
 
-// Part 4.1: "const " is printed for the writable declaration; kept on purpose.
+// "const " is printed for the writable declaration (an inverted flag); kept so, since print is
+// only a debugging aid.
 void InitVarNode::print(std::ostream& out) const {
     if (_writable != 0) out << "const ";
     out << _typeName << " " << _name;
 }
 
-// Part 4.5: a reset takes no mask, so a declaration in a branch or a body clears all pixels
+// A reset takes no mask, so a declaration in a branch or a body clears all pixels
 // each time it runs. The first run in a tile context finds the slot empty and makes the value.
 RCShdPtr<KelValue> InitVarNode::eval(KelContext& context) const {
     KelValuePtr variable = context.getVariable(_id);
@@ -147,14 +149,14 @@ RCShdPtr<KelValue> InitVarNode::eval(KelContext& context) const {
     return variable;
 }
 
-// Part 4.5: the lookup runs through all open scopes, so no declaration shadows another.
+// The lookup runs through all open scopes, so no declaration shadows another.
 RCShdPtr<KelValue> InitVarNode::check(KelContext& context) {
     if (context.getVariableId(_name) != -1) context.raiseError("Variable already defined: " + _name, _line);
     _id = context.declareVariable(_name);
     return eval(context);
 }
 
-// ---- InitVarAssignNode ---------------------------------------------------------------------------
+// ---- InitVarAssignNode --------------------------------------------------------------------------
 
 // The AssignNode inside is made with checkConst 0, so that a const receives its initial value.
 InitVarAssignNode::InitVarAssignNode(const std::string& typeName, const std::string& name, const KelNodePtr& value,
@@ -177,7 +179,7 @@ RCShdPtr<KelValue> InitVarAssignNode::check(KelContext& context) {
     return _assign.check(context);
 }
 
-// ---- VariableNode ------------------------------------------------------------------------------
+// ---- VariableNode -------------------------------------------------------------------------------
 
 VariableNode::VariableNode(const std::string& name, int line) : KelSyntaxTree(line), _name(name) {}
 
@@ -193,7 +195,7 @@ RCShdPtr<KelValue> VariableNode::check(KelContext& context) {
     return context.getVariable(_id);
 }
 
-// ---- FloatLiteralNode ----------------------------------------------------------------------------
+// ---- FloatLiteralNode ---------------------------------------------------------------------------
 
 FloatLiteralNode::FloatLiteralNode(float value, int line) : KelSyntaxTree(line), _value(value) {}
 
