@@ -18,10 +18,12 @@ class IxReadGuard;
 class IxWriteGuard;
 
 // `mode` and `padValue` are recorded; nothing reads outside a scanline, so no mode changes the
-// storage. Mode 4 is "pad with padValue", mode 0 "pad with the image's fill colour".
+// storage. The two modes in use are named.
 template <class T>
 struct IxPaddingPolicy {
-    int mode = 0;
+    static constexpr int kPadWithFillColor = 0;  // an image's row: outside reads its fill colour
+    static constexpr int kPadWithValue = 4;      // outside reads `padValue`
+    int mode = kPadWithFillColor;
     T padValue{};
 };
 

@@ -33,7 +33,7 @@ void KelValue::removeRef() {
 template <class T>
 KelType<T>::KelType(KelContext* context, int id, int writable)
     : KelValue(context, id, writable),
-      _scanline(context->getInterval(), IxPaddingPolicy<T>{4, KelTypeTraits<T>::pad}) {}
+      _scanline(context->getInterval(), IxPaddingPolicy<T>{IxPaddingPolicy<T>::kPadWithValue, KelTypeTraits<T>::pad}) {}
 
 template <class T>
 KelType<T>::KelType(KelContext* context, int id, int writable, const T& fill) : KelType(context, id, writable) {
@@ -79,15 +79,19 @@ int KelIdSet::takeSmallest() {
 
 // ---- Masks --------------------------------------------------------------------------------------
 
+namespace {
+const IxPaddingPolicy<float> kMaskPadding{IxPaddingPolicy<float>::kPadWithValue, 0.0f};
+}
+
 KelMask::KelMask(const GeInterval<int>& interval)
-    : _noneActive(false), _allActive(true), _scanline(interval, IxPaddingPolicy<float>{4, 0.0f}), _span(interval) {
+    : _noneActive(false), _allActive(true), _scanline(interval, kMaskPadding), _span(interval) {
     IxScanlineUtil::set(_scanline, 1.0f, nullptr);
 }
 
 KelMask::KelMask(const KelMask& other)
     : _noneActive(other._noneActive),
       _allActive(other._allActive),
-      _scanline(other._scanline.getInterval(), IxPaddingPolicy<float>{4, 0.0f}),
+      _scanline(other._scanline.getInterval(), kMaskPadding),
       _span(other._span) {
     IxScanlineUtil::copy(_scanline, other._scanline, nullptr);
 }

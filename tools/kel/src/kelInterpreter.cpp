@@ -111,7 +111,7 @@ private:
                 entry.pixelRect = _definition;
                 entry.pixelAspectRatio = _aspect;
             }
-            entry.scanline = newRow(_columns, 4, kOpaqueBlack);
+            entry.scanline = newRow(_columns, IxPaddingPolicy<Color>::kPadWithValue, kOpaqueBlack);
             IxScanlineUtil::set(*entry.scanline, kOpaqueBlack, nullptr);
             _kc.addImage(entry);
         }
@@ -164,7 +164,7 @@ private:
             texture.wrapModeT = 0;
             entry.sampler = PxImageTexture(input, _context.timeScale(), texture).createSampler();
         }
-        if (_names.inputRows) entry.scanline = newRow(_columns, 0, tile.getFillColor());
+        if (_names.inputRows) entry.scanline = newRow(_columns, IxPaddingPolicy<Color>::kPadWithFillColor, tile.getFillColor());
         return entry;
     }
 
