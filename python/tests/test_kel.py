@@ -3,6 +3,7 @@ the right exception; renders from two threads at once; an interrupt cancels an e
 The command is KEL_COMMAND, else bin/kel of the build tree that holds the module."""
 import json
 import os
+import re
 import signal
 import subprocess
 import threading
@@ -70,6 +71,16 @@ def test_errors_are_those_of_check(script):
         kel.compile(script, inputs=[], floats={})
     report = json.loads(command("check", "-e", script, "--json").stdout)
     assert refused.value.errors == [(e["line"], e["message"]) for e in report["errors"]]
+
+
+def test_the_guides_example_runs(tmp_path, monkeypatch, capsys):
+    with open(os.path.join(os.path.dirname(__file__), "..", "..", "docs", "python.md")) as f:
+        example = re.search(r"```python\n(.*?)```", f.read(), re.S).group(1)
+    monkeypatch.chdir(tmp_path)
+    kel.write("plate.exr", random_image(6, 8))
+    exec(example, {})
+    assert sorted(os.listdir()) == ["graded.0000.exr", "graded.0001.exr", "graded.0002.exr", "plate.exr"]
+    assert "gian" in capsys.readouterr().out
 
 
 def test_declared_parameters_are_the_defaults():
