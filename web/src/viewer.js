@@ -61,7 +61,7 @@ export class Viewer {
     const w = this.image.width * this.stretch;
     const h = this.image.height * this.stretch;
     const box = this.viewport.getBoundingClientRect();
-    this.zoom = Math.min(box.width / w, box.height / h, 1) || 1;
+    this.zoom = Math.min(box.width / w, box.height / h) || 1;
     this.panX = (box.width - w * this.zoom) / 2;
     this.panY = (box.height - h * this.zoom) / 2;
     this.fitted = true;
