@@ -56,9 +56,9 @@ class LivePage(unittest.TestCase):
         cls.server.stop()
         cls.tmp.cleanup()
 
-    def dump(self, script, gain):
+    def dump(self, script, gain, *options):
         report = kel("render", "-e", script, "-i", "src=plate.exr", "-f", f"gain={gain!r}", "-o", "reference.exr",
-                     "--json", "--dump", cwd=self.dir)
+                     "--json", "--dump", *options, cwd=self.dir)
         self.assertEqual(report.returncode, 0, report.stderr)
         return json.loads(report.stdout)
 
@@ -132,16 +132,19 @@ class LivePage(unittest.TestCase):
         except urllib.error.HTTPError as e:
             return e.code, e.read()
 
-    def test_full_resolution_equals_kel_render_and_render_to_file(self):
+    def test_pictures_equal_kel_render_and_render_to_file(self):
         script = "// @param gain\nout = color(r(src) * gain, sqrt(g(src)), b(src) / (x + 1), 1);"
-        code, body = self.post("/api/render", {"script": script, "values": {"gain": 0.7}, "proxy": False})
-        self.assertEqual(code, 200)
-        length = struct.unpack_from("<I", body)[0]
-        info = json.loads(body[4:4 + length])
-        pixels = array("f", body[(4 + length + 3) // 4 * 4:])
-        reference = self.dump(script, 0.7)
-        self.assertEqual((info["outcome"], info["width"], info["height"]), ("rendered", reference["width"], reference["height"]))
-        self.assertEqual(list(pixels), [float32(v) for row in reference["pixels"] for pixel in row for v in pixel])
+        # Full resolution, and the proxy (from the reduced plate the page keeps) at its scale level.
+        for proxy, options in [(False, []), (True, ["--scale-level", "1"])]:
+            code, body = self.post("/api/render", {"script": script, "values": {"gain": 0.7}, "proxy": proxy})
+            self.assertEqual(code, 200)
+            length = struct.unpack_from("<I", body)[0]
+            info = json.loads(body[4:4 + length])
+            pixels = array("f", body[(4 + length + 3) // 4 * 4:])
+            reference = self.dump(script, 0.7, *options)
+            self.assertEqual((info["outcome"], info["width"], info["height"]),
+                             ("rendered", reference["width"], reference["height"]))
+            self.assertEqual(list(pixels), [float32(v) for row in reference["pixels"] for pixel in row for v in pixel])
 
         # Rendering to a file is `kel render` itself: the same bytes.
         code, body = self.post("/api/render-file", {"script": script, "values": {"gain": 0.7}, "path": "graded.png"})

@@ -36,6 +36,7 @@ const editor = new EditorView({
       drawSelection(),
       history(),
       bracketMatching(),
+      EditorView.lineWrapping,
       kel,
       syntaxHighlighting(defaultHighlightStyle),
       lintGutter(),
@@ -61,6 +62,12 @@ function setStatus(text, kind = "") {
   $("status").textContent = text;
   $("status").className = kind;
 }
+
+// Requests on different connections may reach the server out of order: each carries this page's
+// name and a number, and the server never lets an older one replace a newer one.
+const page = Math.random().toString(36).slice(2);
+let sequence = 0;
+const ticket = () => ({ page, sequence: ++sequence });
 
 function pageState() {
   return { script: editor.state.doc.toString(), values: parameters.values, time, view: $("view").value };
@@ -105,19 +112,20 @@ async function preview(proxy) {
   setStatus(proxy ? "rendering a proxy…" : "rendering…", "busy");
   let info;
   try {
-    info = await requestPreview({ ...pageState(), proxy }, inFlight.signal);
+    info = await requestPreview({ ...pageState(), proxy, ...ticket() }, inFlight.signal);
   } catch (e) {
     if (id === latest && e.name !== "AbortError") setStatus(e.message, "error");
     return;
   }
   if (id !== latest) return;
+  const received = performance.now();
   showMessages(info.messages);
   parameters.update(info.parameters);
   if (info.outcome === "rendered") {
     viewer.show(info, session.scaleLevel);
     // The moment the new picture is on screen: the benchmark reads it.
     requestAnimationFrame(() => {
-      window.kelLive.shown = { id, started, at: performance.now(), scaleLevel: info.scaleLevel };
+      window.kelLive.shown = { id, started, received, at: performance.now(), scaleLevel: info.scaleLevel };
     });
     const errors = info.compiled ? "" : " (the script has errors: showing the input)";
     setStatus(`${proxy ? "proxy" : "full resolution"}, ${Math.round(performance.now() - started)} ms${errors}`, "done");
@@ -132,7 +140,7 @@ async function preview(proxy) {
 }
 
 async function stop() {
-  await requestJson("/api/stop", {});
+  await requestJson("/api/stop", ticket());
 }
 
 async function save() {
@@ -147,7 +155,7 @@ async function save() {
 async function renderToFile() {
   setStatus("rendering to a file…", "busy");
   try {
-    const reply = await requestJson("/api/render-file", { ...pageState(), path: $("output-path").value });
+    const reply = await requestJson("/api/render-file", { ...pageState(), path: $("output-path").value, ...ticket() });
     setStatus(reply.ok ? `wrote ${reply.path}` : `${reply.path}: ${reply.message}`, reply.ok ? "done" : "error");
   } catch (e) {
     setStatus(e.message, "error");

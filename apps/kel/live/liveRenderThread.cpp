@@ -12,13 +12,14 @@ RenderThread::~RenderThread() {
     _thread.join();
 }
 
-bool RenderThread::run(std::function<void()> job) {
+bool RenderThread::run(std::function<void()> job, const JobTicket& ticket) {
     std::future<bool> done;
     {
         std::lock_guard lock(_mutex);
-        if (_stopping) return false;
+        if (_stopping || (_waiting && ticket.isOlderThan(_waiting->ticket)) || (_running && ticket.isOlderThan(*_running)))
+            return false;
         if (_waiting) _waiting->done.set_value(false);
-        _waiting.emplace(Job{std::move(job), {}});
+        _waiting.emplace(Job{std::move(job), ticket, {}});
         done = _waiting->done.get_future();
         // Under the lock, so the cancellation reaches the job that runs now, never the next one:
         // the loop clears it under the same lock before it starts a job.
@@ -47,7 +48,7 @@ void RenderThread::loop() {
         if (_stopping) return;
         Job job = std::move(*_waiting);
         _waiting.reset();
-        _running = true;
+        _running = job.ticket;
         PxRequestMgr::getInstance().reset();
         lock.unlock();
         try {
@@ -57,7 +58,7 @@ void RenderThread::loop() {
             job.done.set_exception(std::current_exception());
         }
         lock.lock();
-        _running = false;
+        _running.reset();
     }
 }
 

@@ -156,6 +156,15 @@ struct LiveServer::Routes {
         return s;
     }
 
+    // The page's numbering of its requests, when it gives one: "page" and "sequence".
+    static JobTicket ticket(const json& body) {
+        JobTicket t;
+        if (body.contains("page")) t.page = field(body, "page", json::value_t::string, "the page's name").get<std::string>();
+        if (body.contains("sequence"))
+            t.sequence = field(body, "sequence", json::value_t::number_float, "a number").get<double>();
+        return t;
+    }
+
     // Only the page itself may ask: the Host names this server (no other name resolving here),
     // an Origin is this server's, and a request with a body says it is JSON, which a form on
     // another site can't send without the browser asking first (and the server never says yes).
@@ -233,16 +242,19 @@ struct LiveServer::Routes {
         }));
 
         server.Post("/api/render", guarded([this](const httplib::Request& req, httplib::Response& res) {
-            const PageState s = state(parseBody(req));
+            const json body = parseBody(req);
+            const PageState s = state(body);
             Preview preview;
-            if (!thread.run([&] { preview = session.preview(s); })) preview.outcome = Preview::Outcome::Cancelled;
+            if (!thread.run([&] { preview = session.preview(s); }, ticket(body)))
+                preview.outcome = Preview::Outcome::Cancelled;
             const std::string view = s.view.empty() ? session.views().front() : s.view;
-            res.set_content(previewBody(preview, liveParameters(session.invocation().parameters, s.script), view),
-                            "application/octet-stream");
+            // Moved, not copied: a full-resolution picture is tens of megabytes.
+            res.body = previewBody(preview, liveParameters(session.invocation().parameters, s.script), view);
+            res.set_header("Content-Type", "application/octet-stream");
         }));
 
-        server.Post("/api/stop", guarded([this](const httplib::Request&, httplib::Response& res) {
-            thread.run([] {});
+        server.Post("/api/stop", guarded([this](const httplib::Request& req, httplib::Response& res) {
+            thread.run([] {}, ticket(parseBody(req)));
             reply(res, 200, {{"ok", true}});
         }));
 
@@ -268,7 +280,7 @@ struct LiveServer::Routes {
             int status = kExitCancelled;
             std::string failure;
             try {
-                thread.run([&] { status = session.renderToFile(s, path); });
+                thread.run([&] { status = session.renderToFile(s, path); }, ticket(body));
             } catch (const std::runtime_error& e) {  // UsageError, FileError: refused before any output
                 throw RequestError{400, e.what()};
             } catch (const ExBase& e) {
