@@ -4,8 +4,9 @@ picture on the screen, over a 2048x1556 plate and the E2 grade (bench/effects/E2
 headless Chromium (selenium, as the page's tests drive it). Each keystroke changes a number of
 the script (types a digit, then deletes it), from a quiet page: the full-resolution render that
 follows the previous one has finished. Prints the median and the 90th percentile of the whole
-and of its parts: keystroke to request, request to response (render and transfer of the float
-pixels), response to picture on screen (conversion to 8 bits and drawing).
+and of its parts: keystroke to request, request to response (of which the server's compiling and
+rendering; the rest is the transfer of the float pixels and the hand-overs between threads and
+processes), response to picture on screen (conversion to 8 bits and drawing).
 Usage: bench/live_latency.py [BUILD_DIR] [KEYSTROKES]   (default: build, 30)"""
 import os
 import statistics
@@ -55,15 +56,16 @@ with tempfile.TemporaryDirectory() as folder:
             ActionChains(driver).send_keys("5" if i % 2 == 0 else Keys.BACKSPACE).perform()
             shown = wait(driver, lambda: driver.execute_script(
                 "const s = window.kelLive.shown; return s && s.started >= window.lastKey && s.scaleLevel > 0 ? "
-                "[window.lastKey, s.started, s.received, s.at, s.scaleLevel] : null;"))
-            key, started, received, at, level = shown
-            rows.append((at - key, started - key, received - started, at - received))
+                "[window.lastKey, s.started, s.received, s.at, s.scaleLevel, s.server] : null;"))
+            key, started, received, at, level, rendering = shown
+            rows.append((at - key, started - key, received - started, rendering, at - received))
             wait(driver, lambda: status(driver).startswith("full resolution"))
     finally:
         driver.quit()
         server.stop()
 
-names = ["keystroke to picture", "keystroke to request", "request to response", "response to picture"]
+names = ["keystroke to picture", "keystroke to request", "request to response",
+         "of which compiling and rendering", "response to picture"]
 print(f"kel live, 2048x1556 plate, E2 grade, proxy at scale level {level}, {keystrokes} keystrokes, "
       f"{os.cpu_count()} cores, load average {os.getloadavg()[0]:.1f}")
 print("| | median ms | p90 ms |\n|---|---|---|")

@@ -130,9 +130,11 @@ int main(int argc, char** argv) {
     CLI::App* live = app.add_subcommand("live", "kel live SCRIPT [PARAMETERS] [--port N] [--no-browser] [OPTIONS]\n"
                                                 "Serve a page that edits the script and shows its picture as you type.");
     addScriptOptions(*live, in, true);
+    live->remove_option(live->get_option("-e"));  // the page saves to SCRIPT: there must be one
     addLiveOptions(*live, liveOptions);
-    live->footer(std::string(kParametersFooter) +
-                 "\n\nThe page is served on 127.0.0.1 only. It writes the script when you save and an image\n"
+    live->footer("The parameter list is the -i, -f and -c options in the order given, then the float\n"
+                 "parameters the script declares (// @param NAME DEFAULT [MIN, MAX] \"Label\"), then the output.\n\n"
+                 "The page is served on 127.0.0.1 only. It writes the script when you save and an image\n"
                  "when you render to a file (inside the script's folder), nothing else. Ctrl-C stops it.\n\n"
                  "Example: kel live grade.kel -i src=plate.exr -f gain=1.5");
 
@@ -165,7 +167,6 @@ int main(int argc, char** argv) {
         in.command = command->get_name();
         if (command == live) {
             collectParameters(*live, in);
-            in.hasScriptText = live->count("-e") > 0;
             return runLive(in, liveOptions);
         }
         if (command == render || command == check || command == print) {

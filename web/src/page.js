@@ -125,7 +125,8 @@ async function preview(proxy) {
     viewer.show(info, session.scaleLevel);
     // The moment the new picture is on screen: the benchmark reads it.
     requestAnimationFrame(() => {
-      window.kelLive.shown = { id, started, received, at: performance.now(), scaleLevel: info.scaleLevel };
+      const at = performance.now();
+      window.kelLive.shown = { id, started, received, at, scaleLevel: info.scaleLevel, server: info.milliseconds };
     });
     const errors = info.compiled ? "" : " (the script has errors: showing the input)";
     setStatus(`${proxy ? "proxy" : "full resolution"}, ${Math.round(performance.now() - started)} ms${errors}`, "done");

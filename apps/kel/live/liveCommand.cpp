@@ -89,8 +89,7 @@ void addLiveOptions(CLI::App& command, LiveOptions& o) {
 }
 
 int runLive(Invocation in, const LiveOptions& o) {
-    if (in.hasScriptText || in.scriptPath.empty())
-        throw UsageError("live needs a script file (SCRIPT), which the page edits and saves; -e is not taken");
+    if (in.scriptPath.empty()) throw UsageError("live needs SCRIPT, the file that the page edits and saves");
     parseRenderOptions(in, o);
     const int port = o.port.empty() ? 0 : parseInteger("--port", o.port, 1, 65535);
 

@@ -93,6 +93,7 @@ std::string previewBody(const Preview& preview, const LiveParameters& parameters
                        {"parameters", floatsJson(parameters)},
                        {"view", view},
                        {"scaleLevel", preview.scaleLevel},
+                       {"milliseconds", preview.milliseconds},
                        {"x", rendered ? rect.xMin : 0},
                        {"y", rendered ? rect.yMin : 0},
                        {"width", rendered ? rect.width() : 0},

@@ -1,6 +1,7 @@
 #include "liveSession.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <new>
 #include <sstream>
@@ -78,6 +79,13 @@ bool LiveSession::compile(const LiveParameters& parameters, const std::string& s
 }
 
 Preview LiveSession::preview(const PageState& state) {
+    const auto start = std::chrono::steady_clock::now();
+    Preview result = previewFrom(state);
+    result.milliseconds = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    return result;
+}
+
+Preview LiveSession::previewFrom(const PageState& state) {
     Preview result;
     const LiveParameters parameters = liveParameters(_in.parameters, state.script);
     result.compiled = compile(parameters, state.script, result.messages);

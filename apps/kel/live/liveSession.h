@@ -45,6 +45,7 @@ struct Preview {
     std::vector<ScriptMessage> messages;
     int scaleLevel = 0;
     PxRenderedImage image;  // when rendered
+    double milliseconds = 0.0;  // compiling and rendering, on the render thread
 };
 
 class LiveSession {
@@ -70,6 +71,7 @@ public:
     int renderToFile(const PageState& state, const std::string& path);
 
 private:
+    Preview previewFrom(const PageState& state);
     bool compile(const LiveParameters& parameters, const std::string& script, std::vector<ScriptMessage>& messages);
     PxRenderedImage renderInput(const PxImageProtocol& input, double time, int scaleLevel) const;
 
