@@ -112,7 +112,9 @@ async function preview(proxy) {
   setStatus(proxy ? "rendering a proxy…" : "rendering…", "busy");
   let info;
   try {
-    info = await requestPreview({ ...pageState(), proxy, ...ticket() }, inFlight.signal);
+    // A proxy comes as bytes (a quarter of the floats' size), the full resolution as floats.
+    const pixels = proxy ? "uint8" : "float32";
+    info = await requestPreview({ ...pageState(), proxy, pixels, ...ticket() }, inFlight.signal);
   } catch (e) {
     if (id === latest && e.name !== "AbortError") setStatus(e.message, "error");
     return;

@@ -36,15 +36,16 @@ export class Viewer {
     }
     const data = this.context.createImageData(width, height);
     const out = data.data;
-    // As an 8-bit file holds the values: clamped to [0, 1] and rounded (the array does both); files put
-    // the top row first, the engine the bottom one.
+    // As an 8-bit file holds the values: clamped to [0, 1] and rounded (the array does both, and
+    // bytes come so already); the screen puts the top row first, the engine the bottom one.
+    const scale = pixels instanceof Float32Array ? 255 : 1;
     for (let row = 0; row < height; row++) {
       let from = (height - 1 - row) * width * 4;
       let to = row * width * 4;
       for (let i = 0; i < width; i++, from += 4, to += 4) {
-        out[to] = pixels[from] * 255;
-        out[to + 1] = pixels[from + 1] * 255;
-        out[to + 2] = pixels[from + 2] * 255;
+        out[to] = pixels[from] * scale;
+        out[to + 1] = pixels[from + 1] * scale;
+        out[to + 2] = pixels[from + 2] * scale;
         out[to + 3] = 255;
       }
     }
@@ -119,6 +120,10 @@ export class Viewer {
       return;
     }
     const y = image.height - 1 - row;
+    if (!(image.pixels instanceof Float32Array)) {
+      this.probe.textContent = `x ${image.x + column}  y ${image.y + y}   (a proxy: the values show at full resolution)`;
+      return;
+    }
     const at = (y * image.width + column) * 4;
     const [r, g, b, a] = Array.from(image.pixels.subarray(at, at + 4), exactFloat);
     Object.assign(this.probe.dataset, { x: image.x + column, y: image.y + y, r, g, b, a });

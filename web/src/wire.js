@@ -1,5 +1,6 @@
 // The page's requests to its server. A preview comes back as a little-endian uint32 N, N bytes
-// of JSON, zeros up to a multiple of 4, then float32 RGBA pixels, rows from the bottom up;
+// of JSON, zeros up to a multiple of 4, then RGBA pixels, rows from the bottom up: float32, or
+// 8-bit (as a file holds them) when asked for "uint8";
 // everything else is JSON. Errors of the server come as {"error": MESSAGE}.
 export async function postJson(path, body, signal) {
   const response = await fetch(path, {
@@ -25,6 +26,7 @@ export async function requestPreview(body, signal) {
   const length = new DataView(bytes).getUint32(0, true);
   const info = JSON.parse(new TextDecoder().decode(new Uint8Array(bytes, 4, length)));
   const offset = Math.ceil((4 + length) / 4) * 4;
-  info.pixels = new Float32Array(bytes, offset, info.width * info.height * 4);
+  const Pixels = info.pixels === "uint8" ? Uint8Array : Float32Array;
+  info.pixels = new Pixels(bytes, offset, info.width * info.height * 4);
   return info;
 }

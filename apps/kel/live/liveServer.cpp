@@ -77,10 +77,12 @@ const char* outcomeName(Preview::Outcome outcome) {
 }
 
 // A preview on the wire: a little-endian uint32 N, N bytes of JSON (what happened, the messages,
-// the sliders, the picture's rectangle), zeros up to a multiple of 4 bytes, then the picture as
-// float32 RGBA, rows from the bottom up. Floats need no decoding in the page, and the probe reads
-// the very values the engine wrote.
-std::string previewBody(const Preview& preview, const LiveParameters& parameters, const std::string& view) {
+// the sliders, the picture's rectangle), zeros up to a multiple of 4 bytes, then the picture, rows
+// from the bottom up: float32 RGBA, the very values the engine wrote, for the probe; or, with
+// `eightBit`, RGBA bytes as an 8-bit file holds them (clamped to [0, 1], rounded), a quarter of the
+// size, for a proxy that is on screen only until the full resolution replaces it.
+std::string previewBody(const Preview& preview, const LiveParameters& parameters, const std::string& view,
+                        bool eightBit) {
     json messages = json::array();
     for (const ScriptMessage& m : preview.messages)
         messages.push_back({{"line", m.line}, {"column", m.column}, {"message", m.message}, {"warning", m.warning}});
@@ -97,16 +99,25 @@ std::string previewBody(const Preview& preview, const LiveParameters& parameters
                        {"x", rendered ? rect.xMin : 0},
                        {"y", rendered ? rect.yMin : 0},
                        {"width", rendered ? rect.width() : 0},
-                       {"height", rendered ? rect.height() : 0}};
+                       {"height", rendered ? rect.height() : 0},
+                       {"pixels", eightBit ? "uint8" : "float32"}};
     const std::string head = text(info);
     const std::uint32_t length = std::uint32_t(head.size());
     const std::size_t pixelsAt = (4 + head.size() + 3) / 4 * 4;
-    const std::size_t pixelBytes = rendered ? preview.image.pixels.size() * sizeof(Color) : 0;
     static_assert(sizeof(Color) == 4 * sizeof(float), "a pixel is four packed floats");
-    std::string body(pixelsAt + pixelBytes, '\0');
+    const std::size_t values = rendered ? preview.image.pixels.size() * 4 : 0;
+    std::string body(pixelsAt + values * (eightBit ? 1 : sizeof(float)), '\0');
     for (int i = 0; i < 4; ++i) body[std::size_t(i)] = char((length >> (8 * i)) & 0xff);
     std::memcpy(body.data() + 4, head.data(), head.size());
-    if (pixelBytes) std::memcpy(body.data() + pixelsAt, preview.image.pixels.data(), pixelBytes);
+    const float* from = values ? &preview.image.pixels.front().r : nullptr;
+    if (!eightBit) {
+        if (values) std::memcpy(body.data() + pixelsAt, from, values * sizeof(float));
+    } else {
+        auto* to = reinterpret_cast<unsigned char*>(body.data() + pixelsAt);
+        // NaN fails both comparisons and ends as 0.
+        for (std::size_t i = 0; i < values; ++i)
+            to[i] = from[i] >= 1.0f ? 255 : from[i] > 0.0f ? (unsigned char)(from[i] * 255.0f + 0.5f) : 0;
+    }
     return body;
 }
 
@@ -250,7 +261,10 @@ struct LiveServer::Routes {
                 preview.outcome = Preview::Outcome::Cancelled;
             const std::string view = s.view.empty() ? session.views().front() : s.view;
             // Moved, not copied: a full-resolution picture is tens of megabytes.
-            res.body = previewBody(preview, liveParameters(session.invocation().parameters, s.script), view);
+            const bool eightBit =
+                body.contains("pixels") &&
+                field(body, "pixels", json::value_t::string, "\"float32\" or \"uint8\"").get<std::string>() == "uint8";
+            res.body = previewBody(preview, liveParameters(session.invocation().parameters, s.script), view, eightBit);
             res.set_header("Content-Type", "application/octet-stream");
         }));
 
