@@ -21,8 +21,8 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
 
-# The live page's editor and bundler, from npm at the versions of web/package-lock.json; again
-# only when the lock file changed since the last install.
+# The live page's editor and bundler, from npm at the versions of web/package-lock.json,
+# installed again only when the lock file is newer than the last install.
 if command -v npm >/dev/null && [ ! "$here/web/node_modules/.package-lock.json" -nt "$here/web/package-lock.json" ]; then
   (cd "$here/web" && npm ci --no-audit --no-fund --loglevel=error >/dev/null)
 fi

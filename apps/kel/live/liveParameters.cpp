@@ -24,13 +24,13 @@ std::string exactText(double value) {
 
 }  // namespace
 
-LiveParameters liveParameters(const std::vector<ParameterOption>& commandLine, const std::string& script) {
+LiveParameters liveParameters(const Invocation& in, const std::string& script) {
     LiveParameters result;
     result.declarations = readDeclarations(script);
-    result.list = commandLine;
+    result.list = in.parameters;
     for (const DeclaredParameter& p : result.declarations.parameters) {
-        const bool given = std::any_of(commandLine.begin(), commandLine.end(),
-                                       [&](const ParameterOption& o) { return o.name == p.name; });
+        const bool given = p.name == in.outputName || std::any_of(in.parameters.begin(), in.parameters.end(),
+                                                                  [&](const ParameterOption& o) { return o.name == p.name; });
         if (p.kind == DeclaredParameter::Kind::Float && !given)
             result.list.push_back({PebInterpreterTypes::Float, p.name, std::nullopt});
     }

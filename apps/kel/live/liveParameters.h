@@ -1,6 +1,6 @@
 // The parameter list of the live page: the command line's -i, -f and -c in their order, then the
 // float parameters that the script declares in `// @param` lines and the command line does not
-// give. It follows the script as it is typed, so a new declaration is a new slider at once. Each
+// give (nor names the output). It follows the script as it is typed, so a new declaration is a new slider at once. Each
 // float carries the range its slider shows: the declared one, else one around its value.
 #pragma once
 
@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "kelCommands.h"
 #include "kelDeclarations.h"
-#include "kelOptions.h"
 
 namespace Zt::KelApp {
 
@@ -32,6 +32,7 @@ struct LiveParameters {
     std::vector<ParameterOption> withValues(const std::map<std::string, double>& chosen) const;
 };
 
-LiveParameters liveParameters(const std::vector<ParameterOption>& commandLine, const std::string& script);
+// The parameters of `script` for the command line `in` (its -i, -f, -c and --out).
+LiveParameters liveParameters(const Invocation& in, const std::string& script);
 
 }  // namespace Zt::KelApp

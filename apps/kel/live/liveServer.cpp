@@ -2,12 +2,14 @@
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <new>
+#include <optional>
 #include <nlohmann/json.hpp>
 
 #include "PiPluginLoader.h"
@@ -250,7 +252,7 @@ struct LiveServer::Routes {
                    {"time", in.frames ? double(in.frames->first) : in.time},
                    {"scaleLevel", in.scaleLevel},
                    {"proxyLevel", session.proxyLevel()},
-                   {"parameters", floatsJson(liveParameters(in.parameters, current))}});
+                   {"parameters", floatsJson(liveParameters(in, current))}});
         }));
 
         server.Post("/api/render", guarded([this](const httplib::Request& req, httplib::Response& res) {
@@ -264,7 +266,7 @@ struct LiveServer::Routes {
             const bool eightBit =
                 body.contains("pixels") &&
                 field(body, "pixels", json::value_t::string, "\"float32\" or \"uint8\"").get<std::string>() == "uint8";
-            res.body = previewBody(preview, liveParameters(session.invocation().parameters, s.script), view, eightBit);
+            res.body = previewBody(preview, liveParameters(session.invocation(), s.script), view, eightBit);
             res.set_header("Content-Type", "application/octet-stream");
         }));
 

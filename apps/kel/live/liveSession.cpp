@@ -39,7 +39,7 @@ LiveSession::LiveSession(const Invocation& in, const std::string& script)
     _proxyLevel = in.scaleLevel;
     while (pixels(_proxyLevel) > kProxyPixels && _proxyLevel < 16) ++_proxyLevel;
     std::vector<ScriptMessage> messages;
-    compile(liveParameters(in.parameters, script), script, messages);
+    compile(liveParameters(in, script), script, messages);
 }
 
 std::optional<int> LiveSession::frameAt(double time) const {
@@ -51,17 +51,14 @@ std::optional<int> LiveSession::frameAt(double time) const {
 bool LiveSession::compile(const LiveParameters& parameters, const std::string& script,
                           std::vector<ScriptMessage>& messages) {
     const std::string signature = listSignature(parameters.list);
-    const std::size_t given = _in.parameters.size();
     if (!_compiled || _compiled->first != signature || _compiled->second != script) {
         _controller->reset();
         if (!_controller->setOutputName(_in.outputName)) throw UsageError("invalid output name '" + _in.outputName + "'");
-        for (std::size_t i = 0; i < parameters.list.size(); ++i) {
-            const ParameterOption& p = parameters.list[i];
-            // The command line's names are checked once, when the session starts; a declared
-            // name that is the output's is left out and reported at its line below.
-            if (!_controller->addDynamicInput(p.name, p.type) && i < given)
+        // Only the command line can repeat a name (liveParameters leaves out a declared name that
+        // is taken), and then the session's first compile refuses it, before the page is served.
+        for (const ParameterOption& p : parameters.list)
+            if (!_controller->addDynamicInput(p.name, p.type))
                 throw UsageError("parameter '" + p.name + "' is given twice (or names the output)");
-        }
         _controller->setScript(script);
         _compiled.emplace(signature, script);
     }
@@ -75,6 +72,8 @@ bool LiveSession::compile(const LiveParameters& parameters, const std::string& s
         const PebSourcePosition& at = e.getPosition();
         messages.push_back({e.getLine(), at.line == e.getLine() ? at.column : 0, e.getMessage(), ok});
     }
+    // In the order of the script's lines, the compiler's own order kept within a line.
+    std::stable_sort(messages.begin(), messages.end(), [](const auto& a, const auto& b) { return a.line < b.line; });
     return ok;
 }
 
@@ -87,7 +86,7 @@ Preview LiveSession::preview(const PageState& state) {
 
 Preview LiveSession::previewFrom(const PageState& state) {
     Preview result;
-    const LiveParameters parameters = liveParameters(_in.parameters, state.script);
+    const LiveParameters parameters = liveParameters(_in, state.script);
     result.compiled = compile(parameters, state.script, result.messages);
     const bool output = state.view.empty() || state.view == _in.outputName;
     if (output && !result.compiled) {
@@ -149,7 +148,7 @@ int LiveSession::renderToFile(const PageState& state, const std::string& path) {
     Invocation in = _in;
     in.command = "render";
     const std::optional<int> frame = frameAt(state.time);
-    const LiveParameters parameters = liveParameters(_in.parameters, state.script);
+    const LiveParameters parameters = liveParameters(_in, state.script);
     in.parameters = _inputs.pathsAt(parameters.withValues(state.values), frame.value_or(0));
     in.outputPath = path;
     in.frames.reset();
