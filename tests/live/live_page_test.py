@@ -134,14 +134,17 @@ class LivePage(unittest.TestCase):
 
     def test_pictures_equal_kel_render_and_render_to_file(self):
         script = "// @param gain\nout = color(r(src) * gain, sqrt(g(src)), b(src) / (x + 1), 1);"
-        # Full resolution, and the proxy (from the reduced plate the page keeps) at its scale level.
-        for proxy, options in [(False, []), (True, ["--scale-level", "1"])]:
-            code, body = self.post("/api/render", {"script": script, "values": {"gain": 0.7}, "proxy": proxy})
+        # Full resolution, the proxy (from the reduced plate the page keeps) at its scale level, and
+        # the input itself as a view: each the floats of `kel render`.
+        rows = [({"proxy": False}, script, []), ({"proxy": True}, script, ["--scale-level", "1"]),
+                ({"view": "src"}, "// @param gain\nout = src;", [])]
+        for request, reference_script, options in rows:
+            code, body = self.post("/api/render", {"script": script, "values": {"gain": 0.7}, **request})
             self.assertEqual(code, 200)
             length = struct.unpack_from("<I", body)[0]
             info = json.loads(body[4:4 + length])
             pixels = array("f", body[(4 + length + 3) // 4 * 4:])
-            reference = self.dump(script, 0.7, *options)
+            reference = self.dump(reference_script, 0.7, *options)
             self.assertEqual((info["outcome"], info["width"], info["height"]),
                              ("rendered", reference["width"], reference["height"]))
             self.assertEqual(list(pixels), [float32(v) for row in reference["pixels"] for pixel in row for v in pixel])
