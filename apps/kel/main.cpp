@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "kelCommands.h"
+#include "liveCommand.h"
 
 using namespace Zt::KelApp;
 
@@ -125,6 +126,19 @@ int main(int argc, char** argv) {
                   "clause has no printed form (exit status 1, nothing on standard output).\n\n"
                   "Exit status 0 printed, 1 refused or not printable, 2 for a usage error or an unreadable script.");
 
+    // kel live (apps/kel/live/): the script in the browser, beside the picture it renders.
+    LiveOptions liveOptions;
+    CLI::App* live = app.add_subcommand("live", "kel live SCRIPT [PARAMETERS] [--port N] [--no-browser] [OPTIONS]\n"
+                                                "Serve a page that edits the script and shows its picture as you type.");
+    addScriptOptions(*live, in, true);
+    live->remove_option(live->get_option("-e"));  // the page saves to SCRIPT: there must be one
+    addLiveOptions(*live, liveOptions);
+    live->footer("The parameter list is the -i, -f and -c options in the order given, then the float\n"
+                 "parameters the script declares (// @param NAME DEFAULT [MIN, MAX] \"Label\"), then the output.\n\n"
+                 "The page is served on 127.0.0.1 only. It writes the script when you save and an image\n"
+                 "when you render to a file (inside the script's folder), nothing else. Ctrl-C stops it.\n\n"
+                 "Example: kel live grade.kel -i src=plate.exr -f gain=1.5");
+
     app.add_subcommand("tools", "kel tools\nList the tools that the loaded packages registered: name, display name and "
                                 "description, one tool a line, tab-separated.");
     app.add_subcommand("version", "kel version\nPrint the build record of the KEL plug-in, one field a line.");
@@ -152,6 +166,10 @@ int main(int argc, char** argv) {
     try {
         CLI::App* command = app.get_subcommands().front();
         in.command = command->get_name();
+        if (command == live) {
+            collectParameters(*live, in);
+            return runLive(in, liveOptions);
+        }
         if (command == render || command == check || command == print) {
             collectParameters(*command, in);
             in.hasScriptText = command->count("-e") > 0;
