@@ -156,9 +156,26 @@ const std::vector<MissingForm>& missingForms() {
     return forms;
 }
 
-// The form the parser stopped at (at `column`, or when that is unknown the first on the line).
-void explainSyntax(const std::string& line, Diagnostic& d) {
-    const std::string code = codeOf(line);
+// The line's code without its comment and trailing blanks.
+std::string trimmedCode(const std::string& line) {
+    std::string code = codeOf(line);
+    code.erase(code.find_last_not_of(" \t\r") + 1);
+    return code;
+}
+
+// The last line before `before` that holds code, 0 when none does.
+int lastCodeLine(const SourceLines& source, int before) {
+    int line = before - 1;
+    while (line > 0 && trimmedCode(source.line(line)).find_first_not_of(" \t") == std::string::npos) --line;
+    return line;
+}
+
+// Why the parser stopped: the script ended, a form the language lacks stands at the token (or,
+// when the column is unknown, anywhere on the line), or the statement before lacks its `;`.
+void explainSyntax(const SourceLines& source, Diagnostic& d) {
+    const std::string code = trimmedCode(source.line(d.line));
+    if (d.line == lastCodeLine(source, int(source.count()) + 1) && d.column > int(code.size()))
+        return d.notes.push_back("the script ends here: a `;` or a `}` may be missing");
     for (const MissingForm& form : missingForms()) {
         for (auto it = std::sregex_iterator(code.begin(), code.end(), form.pattern); it != std::sregex_iterator(); ++it) {
             const int start = int(it->position()) + 1, end = start + int(it->length());
@@ -168,10 +185,17 @@ void explainSyntax(const std::string& line, Diagnostic& d) {
                 d.column = start;
                 d.length = std::size_t(it->length());
             }
-            d.notes.push_back(form.note(it->str()));
-            return;
+            return d.notes.push_back(form.note(it->str()));
         }
     }
+    // Stopped at the first word of a line: the line before may be the one that lacks its `;`.
+    const int first = int(code.find_first_not_of(" \t")) + 1;
+    if (d.message.ends_with("expected ;") && d.column <= first)
+        if (const int before = lastCodeLine(source, d.line)) {
+            const std::string previous = trimmedCode(source.line(before));
+            if (!previous.ends_with(";") && !previous.ends_with("{") && !previous.ends_with("}"))
+                d.notes.push_back("a `;` may be missing at the end of line " + std::to_string(before));
+        }
 }
 
 std::string withoutLineSuffix(const std::string& message, int line) {
@@ -191,13 +215,10 @@ Diagnostic explain(const PebError& error, bool compiled, const SourceLines& sour
     if (d.line <= 0) return d;
     // Past the last line, the script ended before the parser was done: point after its last word.
     if (std::size_t(d.line) > source.count()) {
-        int last = int(source.count());
-        while (last > 0 && source.line(last).find_first_not_of(" \t") == std::string::npos) --last;
+        const int last = lastCodeLine(source, d.line);
         if (last == 0) return d;
         d.line = last;
-        d.column = int(source.line(last).find_last_not_of(" \t")) + 2;
-        d.notes.push_back("the script ends here: a `;` or a `}` may be missing");
-        return d;
+        d.column = int(trimmedCode(source.line(last)).size()) + 1;
     }
     const std::string& line = source.line(d.line);
     if (d.column > 0) d.length = tokenLength(line, d.column);
@@ -208,7 +229,7 @@ Diagnostic explain(const PebError& error, bool compiled, const SourceLines& sour
         rule.explain(Found{match, hints}, d);
         return d;
     }
-    if (d.message.starts_with("Syntax Error: ")) explainSyntax(line, d);
+    if (d.message.starts_with("Syntax Error: ")) explainSyntax(source, d);
     return d;
 }
 
