@@ -1,6 +1,7 @@
 // The commands of `kel` other than render: check, print, params, tools and version, and the
-// dispatch that reads the script's declarations and turns failures into exit statuses. Compilation happens on this, the application thread;
-// tiles are rendered on worker threads (kelRender.cpp).
+// dispatch that reads the script's declarations and turns failures into exit statuses.
+// Compilation happens on this, the application thread; tiles are rendered on worker threads
+// (kelRender.cpp).
 #include "kelCommands.h"
 
 #include <csignal>

@@ -1,9 +1,9 @@
 // How one message about a script reaches a person, in the form compilers use:
 //
-//   grade.kel:3:14: error: Variable not defined: offset
-//       color c = src * gain + offset;
-//                              ^~~~~~
-//   note: give it a value with -f offset=VALUE, or declare it: // @param offset 0
+//   grade.kel:3:24: error: Variable not defined: offset
+//   color c = src * gain + offset;
+//                          ^~~~~~
+//   note: a parameter is given with -f offset=VALUE (-i offset=FILE for an image), or ...
 //
 // The prefix names the script, the line and the column (no column when it is not known, neither
 // line nor column for a message about the whole script); the script's line follows with a caret
