@@ -55,7 +55,7 @@ TEST(KelPackage, ToolKnownAndTablesCompleteBeforeTheFirstCompile) {
     EXPECT_TRUE(kelZttoolIsInitialized());
     auto controller = newController();
     ASSERT_TRUE(controller->addDynamicInput("src", PebInterpreterTypes::Image));
-    controller->setScript("color c = src; c += 1; out = color(noise3D(x, y, 0.5), sin(x) + mod(y, 2), 0, 1) * (c != c + 1));");
+    controller->setScript("color c = src; c += 1; out = color(noise3D(x, y, 0.5), sin(x) + mod(y, 2), 0, 1) * (c != c + 1);");
     EXPECT_TRUE(controller->isCompiled());
     EXPECT_TRUE(controller->getErrors().empty());
 }
