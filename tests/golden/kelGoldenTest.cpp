@@ -1,31 +1,20 @@
-// The golden suite: every *.kel file of tests/golden holds one or more cases, separated by a line
-// `// ----`. Each case is compiled by KelInterpreter::parse and, when it expects pixels, rendered
-// by eval with tile widths of 1, 7 and 64 columns and the whole row, on one thread and on three;
-// all must give the same pixels. The expectations stand in the case's own comment lines:
-//
-//   // param: float NAME VALUE       an input float and its value
-//   // param: image NAME W H         an input image of W x H pixels, pixel (x, y) = (x, y, 0.25, 1)
-//   // param: output color NAME      the varying output (also: output float / output image)
-//   // size: W H                     the output's size in pixels (default 6 x 4)
-//   // aspect: N D / scale: L / time: T   the pixel aspect, the scale level, the time
-//   // result: true|false            what parse returns (default: true when no error is expected)
-//   // error: LINE MESSAGE           an expected error, in order; the list must match exactly
-//   // all: R G B A                  every output pixel
-//   // row Y: R,G,B,A xN ...         row Y as runs from the left (N pixels each, default 1),
-//                                    which must cover the row exactly
-//   // row: Y R G B A                every pixel of row Y
-//   // pixel: X Y R G B A            one pixel
-//   // print: TEXT                   the compiled tree's print, whitespace runs as one space,
-//                                    contains TEXT (`throws`: printing throws)
-//   // cancelled: N                  eval is cancelled once N cancellation checks have passed
-//
-// Without `param:` lines the node has one varying output `out`. Lines count from the case's first
-// line. Pixels match within 1e-5 relative; nan matches nan.
-//
-// The driver also runs every ```kel block of docs/language.md with the node parameters of the
-// block's first line, `// params: -i NAME -f NAME[=VALUE] -c NAME --out NAME`, as the kel command
-// takes them (an image is 6 x 4 pixels), and checks that every built-in is called by a case or an
-// example that checks its result.
+// The golden suite: every *.kel file here holds cases separated by a line `// ----`. Each case
+// is compiled by KelInterpreter::parse and, when it expects pixels, rendered by eval with tiles
+// 1, 7 and 64 columns wide and as wide as the row, on one thread and on three: all must give the
+// same bits. Its comment lines state the node and the expectations (lines count from the case's
+// first line; pixels match within 1e-5 relative, nan matches nan):
+//   // param: float NAME VALUE | image NAME W H | output color NAME    (default: output color out)
+//         an input image's pixel (x, y) is (x, y, 0.25, 1)
+//   // size: W H (default 6 4)   // aspect: N D   // scale: LEVEL   // time: T
+//   // result: true|false        // error: LINE MESSAGE (in order, the whole list)
+//   // all: R G B A   // pixel: X Y R G B A   // row: Y R G B A
+//   // row Y: R,G,B,A xN ...     runs from the left, N pixels each (default 1), covering the row
+//   // print: TEXT               the tree's print, whitespace runs as one space, holds TEXT
+//                                (`throws`: printing throws)
+//   // cancelled: N              eval is cancelled once N cancellation checks have passed
+// The ```kel blocks of docs/language.md run too, with the parameters of their first line,
+// `// params: -i NAME -f NAME[=VALUE] -c NAME --out NAME` as the kel command takes them (an
+// image is 6 x 4 pixels); and every built-in must be called by a case whose pixels are checked.
 #include <gtest/gtest.h>
 
 #include <algorithm>

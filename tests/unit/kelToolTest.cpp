@@ -4,7 +4,6 @@
 // parameter lists and compilations while sharing the static tables.
 #include <gtest/gtest.h>
 
-#include "InBuildInfo.h"
 #include "InPackage.h"
 #include "PebController.h"
 #include "PiImageModifierInfo.h"
@@ -17,12 +16,6 @@
 
 namespace Zt {
 namespace {
-
-InPackageInit& package() {
-    InPackageInit* p = InPackageManager::getInstance().find("kelZttool");
-    if (!p) throw std::runtime_error("kelZttool is not registered");
-    return *p;
-}
 
 // Initialises the packages as a host does, from tables emptied first, so that what the tests
 // see is what initialize built.
