@@ -15,7 +15,7 @@ KEL = None
 # Tiles left of x = 40 finish, the others loop for ever: a cancellation finds some tiles done,
 # some in flight and some not started. A timeout of a millisecond stops it before any tile.
 SCRIPT = "float i = 0; while (x > 40 || i < 30) { i += 1; } out = color(i / 30, x / 64, y / 64, 1);"
-ATTEMPTS = 6
+ATTEMPTS = 4
 
 
 def handles_sigint(pid):
@@ -45,7 +45,7 @@ class KelFaults(unittest.TestCase):
     def earlier_outputs(self):
         """An earlier output in each format, and their bytes."""
         kept = {}
-        for name in ("keep.exr", "keep.png", "keep.tif"):
+        for name in ("keep.exr", "keep.png"):
             p = subprocess.run([KEL, "render", "-e", "out = color(x / 4, 0.5, 0.25, 1);", "--size", "4x4",
                                 "-o", self.path(name)], capture_output=True, text=True)
             self.assertEqual(p.returncode, 0, p.stderr)
