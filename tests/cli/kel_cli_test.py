@@ -192,10 +192,11 @@ def formats_and_channels(d):
     check(dump("-e", "out = src;", "-i", "src=rgb.exr", cwd=d)["pixels"][0][0] == [0.25, 0.5, 0.75, 1])
     # Grey+alpha: grey to r, g, b. Five channels: the first four. Two: grey and alpha.
     write(d, "ga.png", png(2, 1, 4, rows=[[255, 255, 0, 0]]))
-    write(d, "five.tif", tiff(1, 2, 5, bytes([255, 0, 255, 255, 7, 0, 255, 0, 0, 9])))
-    write(d, "two.tif", tiff(1, 1, 2, bytes([255, 0])))
-    for name, pixels in (("ga.png", [[[1, 1, 1, 1], [0, 0, 0, 0]]]), ("five.tif", [[[0, 1, 0, 0]], [[1, 0, 1, 1]]]),
-                         ("two.tif", [[[1, 1, 1, 0]]])):
+    for name, color, channels in (("five.tif", "1,0,1,1,0.5", "5"), ("two.tif", "1,0", "2")):
+        subprocess.run(["oiiotool", "--pattern", "constant:color=" + color, "1x2", channels, "-d", "uint8", "-o",
+                        os.path.join(d, name)], check=True, capture_output=True)
+    for name, pixels in (("ga.png", [[[1, 1, 1, 1], [0, 0, 0, 0]]]), ("five.tif", [[[1, 0, 1, 1]], [[1, 0, 1, 1]]]),
+                         ("two.tif", [[[1, 1, 1, 0]], [[1, 1, 1, 0]]])):
         check(dump("-e", "out = src;", "-i", "src=" + name, cwd=d)["pixels"] == pixels, name)
 
 
@@ -304,24 +305,6 @@ def png(width, height, color_type=6, rows=None):
             chunk(b"IDAT", zlib.compress(raw)) + chunk(b"IEND", b""))
 
 
-def tiff(width, height, samples, pixels=b""):
-    """An uncompressed little-endian TIFF of 8-bit samples, one strip, `pixels` as its data."""
-    extra = samples - (1 if samples < 3 else 3)
-    data_at = 8 + 2 + 12 * 11 + 4
-    blobs = struct.pack("<%dH" % samples, *([8] * samples))
-    extra_at = data_at + len(blobs)
-    blobs += struct.pack("<%dH" % max(extra, 1), *([0] * max(extra, 1)))
-    entry = lambda tag, kind, count, value: struct.pack("<HHII" if kind == 4 or count > 2 else "<HHIHH", tag, kind, count,
-                                                        *([value] if kind == 4 or count > 2 else [value, 0]))
-    entries = [entry(256, 4, 1, width), entry(257, 4, 1, height),
-               entry(258, 3, samples, data_at) if samples > 2 else struct.pack("<HHIHH", 258, 3, samples, 8, 8 if samples == 2 else 0),
-               entry(259, 3, 1, 1), entry(262, 3, 1, 1 if samples < 3 else 2), entry(273, 4, 1, data_at + len(blobs)),
-               entry(277, 3, 1, samples), entry(278, 4, 1, height), entry(279, 4, 1, len(pixels)), entry(284, 3, 1, 1),
-               entry(338, 3, extra, extra_at) if extra > 2 else struct.pack("<HHIHH", 338, 3, extra, 0, 0) if extra else
-               struct.pack("<HHIHH", 305, 3, 0, 0, 0)]
-    return b"II*\0" + struct.pack("<I", 8) + struct.pack("<H", 11) + b"".join(entries) + struct.pack("<I", 0) + blobs + pixels
-
-
 def render_input(d, name):
     return run("render", "-e", "out = src;", "-i", "src=" + os.path.join(d, name), "-o", os.path.join(d, "o.exr"))
 
@@ -357,8 +340,8 @@ def not_images(d):
     write(d, "text.png", "out = 1;\n" * 10)
     os.mkdir(os.path.join(d, "folder.png"))
     write(d, "w0.png", png(0, 4, rows=[]))
-    write(d, "h0.tif", tiff(4, 0, 1))
-    for name in ("text.png", "folder.png", "w0.png", "h0.tif"):
+    write(d, "h0.png", png(4, 0, rows=[]))
+    for name in ("text.png", "folder.png", "w0.png", "h0.png"):
         refused(render_input(d, name), 2, d, ("o.exr",), mentions=name)
     refused(run("check", os.path.join(d, "folder.png")), 2)
 
@@ -371,11 +354,9 @@ def huge_sizes(d):
         at = exr.index(field) + len(field) + 4
         exr[at:at + 16] = struct.pack("<iiii", 0, 0, 299999, 299999)
     write(d, "huge.png", png(60000, 60000, rows=[]))
-    write(d, "huge.tif", tiff(200000, 200000, 4, b"\0" * 16))
     write(d, "huge.exr", bytes(exr))
     refused(render_input(d, "huge.png"), 2, d, ("o.exr",), mentions="more than the machine's memory")
-    for name in ("huge.tif", "huge.exr"):
-        refused(render_input(d, name), 2, d, ("o.exr",))
+    refused(render_input(d, "huge.exr"), 2, d, ("o.exr",))
     for extra in (["--size", "999999x999999"], ["--size", "999999x9999", "--pixel-aspect", "999999/1"]):
         refused(run("render", "-e", "out = 1;", *extra, "-o", os.path.join(d, "o.exr")), 2, d, ("o.exr",))
 

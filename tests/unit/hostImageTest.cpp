@@ -1,7 +1,7 @@
 // The host's image side: validity intervals, nominal and pixel geometry, the in-memory image
-// node (tiles, levels, lent rows, reused tile buffers), tile rows to and from scanlines, the
-// cancellation point, and the bilinear sampler's edge cases: exact weights far from the origin,
-// a pixel aspect no float holds, tile fetches, its modes, and its row path against sampleAt.
+// node (tiles, levels, lent rows, reused tile buffers), the cancellation point, and the bilinear
+// sampler's edge cases: exact weights far from the origin, a pixel aspect no float holds, tile
+// fetches, its modes, and its row path against sampleAt.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -128,27 +128,6 @@ TEST(HostTileStorage, BuffersAreReusedAndRefilled) {
     RCShdPtr<IxTile> small(new IxTile(IxPixelFormat{}, GeRectangle<int>(0, 4, 0, 4), Color::ZERO));
     EXPECT_EQ(IxTileStorage::keptCount(), 1u);
     IxTileStorage::clear();
-}
-
-TEST(HostTileRows, ReadsFillOutsideTheTileAndWritesOnlyInside) {
-    RCShdPtr<IxTile> tile(new IxTile(IxPixelFormat{}, GeRectangle<int>(2, 4, 0, 2), Color(7, 7, 7, 7)));
-    tile->row(1)[0] = Color(1, 2, 3, 4);
-    tile->setFillColor(Color(9, 9, 9, 9));
-    IxScanline<Color> row(GeInterval<int>(0, 6), IxPaddingPolicy<Color>{0, Color::ZERO});
-    row.readFrom(IxReadGuard(RCShdPtr<const IxTile>(tile.get())), 1);
-    EXPECT_EQ(row[1], Color(9, 9, 9, 9));
-    EXPECT_EQ(row[2], Color(1, 2, 3, 4));
-    EXPECT_EQ(row[3], Color(7, 7, 7, 7));
-    EXPECT_EQ(row[4], Color(9, 9, 9, 9));
-    row.readFrom(IxReadGuard(RCShdPtr<const IxTile>(tile.get())), 2);
-    EXPECT_EQ(row[2], Color(9, 9, 9, 9));
-    IxScanline<Color> out(GeInterval<int>(1, 3), IxPaddingPolicy<Color>{4, Color::ZERO});
-    out[1] = Color(1, 1, 1, 1);
-    out[2] = Color(2, 2, 2, 2);
-    out.writeTo(IxWriteGuard(tile), 0);
-    out.writeTo(IxWriteGuard(tile), 5);
-    EXPECT_EQ(tile->row(0)[0], Color(2, 2, 2, 2));
-    EXPECT_EQ(tile->row(0)[1], Color(7, 7, 7, 7));
 }
 
 TEST(HostRequests, CancelAndCheckBudget) {

@@ -1,6 +1,6 @@
 // The plug-in package and its tool "KEL" as a host meets them: initialised from empty tables it
 // compiles at once, the tool's description object is fetched once for any number of
-// controllers, the UI factory lives as long as the package, and controllers keep their own
+// controllers, and controllers keep their own
 // parameter lists and compilations while sharing the static tables.
 #include <gtest/gtest.h>
 
@@ -51,25 +51,6 @@ TEST(KelPackage, ToolKnownAndTablesCompleteBeforeTheFirstCompile) {
     controller->setScript("color c = src; c += 1; out = color(noise3D(x, y, 0.5), sin(x) + mod(y, 2), 0, 1) * (c != c + 1);");
     EXPECT_TRUE(controller->isCompiled());
     EXPECT_TRUE(controller->getErrors().empty());
-}
-
-RCShdPtr<RCBase<LkCounter<int>>> fakeFactory(const RCShdPtr<PiWidget>&, const RCShdPtr<PiNode>&,
-                                             const RCShdPtr<const PiTimePath>&) {
-    return RCShdPtr<RCBase<LkCounter<int>>>(new PiNode);
-}
-
-TEST(KelPackage, UiFactoryStoredThenNullAfterShutdown) {
-    InPackageManager::getInstance().initializeAll();
-    auto controller = newController();
-    EXPECT_EQ(controller->getUiFactory(), nullptr);
-    EXPECT_FALSE(controller->createInstanceData(nullptr, nullptr, nullptr));  // works without a UI
-    KelTool::setUiFactory(fakeFactory);
-    EXPECT_EQ(controller->getUiFactory(), &fakeFactory);
-    EXPECT_TRUE(controller->createInstanceData(nullptr, nullptr, nullptr));
-    InPackageManager::getInstance().shutdownAll();
-    EXPECT_EQ(KelTool::uiFactory, nullptr);
-    EXPECT_FALSE(kelZttoolIsInitialized());
-    InPackageManager::getInstance().initializeAll();
 }
 
 TEST(KelTool, DescriptionFetchedOnceHoweverManyControllers) {
