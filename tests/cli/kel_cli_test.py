@@ -19,6 +19,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import zlib
 
@@ -54,7 +55,8 @@ def image(name, script, size):
 
 
 def dump(*args, cwd=None):
-    code, out, err = run("render", *args, "--json", "--dump", "-o", os.path.join(cwd or HERE, "dump.exr"), cwd=cwd)
+    output = os.path.join(cwd, "dump.exr") if cwd else os.path.join(HERE, "dump-%d.exr" % threading.get_ident())
+    code, out, err = run("render", *args, "--json", "--dump", "-o", output, cwd=cwd)
     check(code == 0, args, err)
     return json.loads(out)
 
