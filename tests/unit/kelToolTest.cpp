@@ -22,9 +22,6 @@ namespace {
 void initializeFromScratch() {
     InPackageManager::getInstance().shutdownAll();
     KelFunctionTable::functions.clear();
-    KelOperatorTables::binaryOperators.clear();
-    KelOperatorTables::assignOperators.clear();
-    KelOperatorTables::typeNames.clear();
     std::fill(std::begin(KelNoise::permutation), std::end(KelNoise::permutation), 0);
     InPackageManager::getInstance().initializeAll();
 }
