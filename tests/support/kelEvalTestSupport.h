@@ -1,7 +1,5 @@
-// Test support for Part 1.2 and the host's image side: run infos compiled from hand-built
-// `main` trees (Part 1.1 steps: check in a check context, variable count and used names into
-// the run info), in-memory images from a formula, an image node that counts the calls made of
-// it, and tile contexts.
+// Test support for the engine's evaluation and the host's image side: parameter infos, tile
+// contexts, in-memory images from a formula, and an image node that counts the calls made of it.
 #pragma once
 
 #include <atomic>
@@ -12,19 +10,6 @@
 #include "kelInterpreter.h"
 
 namespace Zt::test {
-
-// What `parse` leaves in the run info for a `main` that checks (Part 1.1), without the parser.
-inline RCShdPtr<PebRunInfo> compiledRunInfo(const KelInterpreter& interpreter, const Vector<PebParameterInfo>& params,
-                                            const RCShdPtr<FunctionDeclarationNode>& function) {
-    RCShdPtr<PebRunInfo> runInfo = interpreter.createRunInfo(params);
-    KelRunInfo& info = static_cast<KelRunInfo&>(*runInfo);
-    info.function = function;
-    KelContext check(GeInterval<int>(0, 1), 0);
-    function->check(check);
-    info.variableCount = check.variableCount();
-    info.usedNames = check.usedNames();
-    return runInfo;
-}
 
 inline PebParameterInfo floatInput(const std::string& name) { return {name, PebInterpreterTypes::Float, false, false}; }
 inline PebParameterInfo imageInput(const std::string& name) { return {name, PebInterpreterTypes::Image, false, false}; }

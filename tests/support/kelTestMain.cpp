@@ -1,5 +1,5 @@
 // The main of every unit test: the static tables are built once, before any test, as the
-// package initialisation does (Part 6.1), and this thread is the application thread.
+// package initialisation does, and this thread is the application thread.
 #include <gtest/gtest.h>
 
 #include "ZtCore.h"
