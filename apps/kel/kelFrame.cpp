@@ -2,13 +2,21 @@
 
 #include <cmath>
 
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 
 namespace Zt::KelApp {
 
 RenderedFrame renderFrame(PebController& controller, PxTileRenderer& renderer,
                           const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& values,
                           const FrameRequest& request, const std::string& what) {
+    RenderedFrame frame;
+    renderFrame(controller, renderer, inputs, values, request, what, frame);
+    return frame;
+}
+
+void renderFrame(PebController& controller, PxTileRenderer& renderer,
+                 const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& values,
+                 const FrameRequest& request, const std::string& what, RenderedFrame& frame) {
     const PxNodePtr<const PxImageProtocol> first = inputs.empty() ? nullptr : inputs.front();
     IxPixelFormat format;
     if (request.pixelAspect) {
@@ -37,7 +45,8 @@ RenderedFrame renderFrame(PebController& controller, PxTileRenderer& renderer,
                       (long long)std::ceil(double(rod.rect.height()) * scale), 2 * sizeof(Color));
     const PxNodePtr<const PxImageProtocol> node = controller.createModifierProcNode(inputs, values, rod, format);
     const GeRectangle<int> rect = PxImageProtocol::nominalToPixelized(rod.rect, format.aspect(), float(scale));
-    return {renderer.render(*node, rect, context), format};
+    frame.format = format;
+    renderer.render(*node, rect, context, frame.image);
 }
 
 }  // namespace Zt::KelApp

@@ -2,12 +2,14 @@
 
 #include <cmath>
 #include <filesystem>
+#include <future>
 #include <iostream>
 #include <sstream>
 
 #include "kelCancellation.h"
+#include "kelColorParameters.h"
 #include "kelFrame.h"
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 #include "kelJson.h"
 #include "kelProgress.h"
 
@@ -36,6 +38,28 @@ void addParameters(PebController& controller, const Invocation& in) {
             throw UsageError("parameter '" + p.name + "' is given twice (or names the output)");
 }
 
+// An image input: its file and read options, and, for a still, the image read once.
+struct ImageParameter {
+    std::string name;
+    ImageSource source;
+    bool sequence = false;
+    ReadImage still;
+};
+
+// The images of one frame, in parameter order, and what the first of them carries.
+struct FrameInputs {
+    Vector<PxNodePtr<const PxImageProtocol>> images;
+    std::optional<ImageFileInfo> first;
+};
+
+void warnIgnoredChannels(const ImageParameter& input, const ReadImage& read) {
+    if (read.ignoredChannels.empty()) return;
+    std::string names;
+    for (const std::string& n : read.ignoredChannels) names += (names.empty() ? "" : ", ") + n;
+    std::cerr << "kel: warning: -i " << input.name << ": channels " << names << " of " << input.source.path
+              << " are ignored (choose a layer with :layer=NAME)\n";
+}
+
 }  // namespace
 
 bool compile(PebController& controller, const Invocation& in, const Script& script) {
@@ -45,11 +69,11 @@ bool compile(PebController& controller, const Invocation& in, const Script& scri
 }
 
 int runRender(PebController& controller, const Invocation& in, const Script& script) {
-    const ParameterOption* firstImage = nullptr;
+    std::vector<ImageParameter> images;
     for (const ParameterOption& p : in.parameters) {
         if (p.type != PebInterpreterTypes::Image) continue;
         if (!p.value) throw UsageError("render needs a file for the image input: -i " + p.name + "=FILE");
-        if (!firstImage) firstImage = &p;
+        images.push_back({p.name, parseImageSource(*p.value, "-i " + p.name), false, {}});
     }
     std::vector<Frame> frames;
     if (in.frames)
@@ -60,30 +84,40 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         return frame.number ? expandFramePath(path, *frame.number) : path;
     };
     // A frame of a sequence input is read at its frame; a still input once, for every frame.
-    const auto isSequence = [&in](const ParameterOption& p) { return in.frames && hasFramePattern(*p.value); };
+    for (ImageParameter& image : images) image.sequence = in.frames && hasFramePattern(image.source.path);
+    const auto sourceAt = [&expand](const ImageParameter& image, const Frame& frame) {
+        return ImageSource{expand(image.source.path, frame), image.source.options};
+    };
 
     // Refused before any work: rendering over an input, an output that can't be written, an
-    // input (any frame of it) that can't be read.
+    // input (any frame of it) that can't be read, an output setting its format lacks.
     for (const Frame& frame : frames) {
         const std::string output = expand(in.outputPath, frame);
-        for (const ParameterOption& p : in.parameters)
-            if (p.type == PebInterpreterTypes::Image && samePath(output, expand(*p.value, frame)))
-                throw UsageError("refusing to render over the input " + expand(*p.value, frame) + " (-i " + p.name + ")");
+        for (const ImageParameter& image : images)
+            if (samePath(output, expand(image.source.path, frame)))
+                throw UsageError("refusing to render over the input " + expand(image.source.path, frame) + " (-i " + image.name + ")");
         checkWritable(output);
     }
-    if (!firstImage && !in.size) throw UsageError("--size WxH is required when there is no image input");
-    std::vector<PxNodePtr<const PxImageProtocol>> stills(in.parameters.size());
-    for (std::size_t i = 0; i < in.parameters.size(); ++i) {
-        const ParameterOption& p = in.parameters[i];
-        if (p.type != PebInterpreterTypes::Image) continue;
-        if (isSequence(p))
-            for (const Frame& frame : frames) checkReadable(expand(*p.value, frame));
-        else
-            stills[i] = readImage(*p.value, PxValidityInterval::getFull());
+    if (images.empty() && !in.size) throw UsageError("--size WxH is required when there is no image input");
+    std::optional<ImageFileInfo> firstInfo;
+    for (ImageParameter& image : images) {
+        if (image.sequence) {
+            for (const Frame& frame : frames) {
+                ImageFileInfo info = checkReadable(sourceAt(image, frame));
+                if (!firstInfo && &image == &images.front()) firstInfo = std::move(info);
+            }
+        } else {
+            image.still = readImage(image.source, PxValidityInterval::getFull());
+            warnIgnoredChannels(image, image.still);
+            if (&image == &images.front()) firstInfo = image.still.info;
+        }
     }
+    ImageWriteOptions writeOptions = in.write;
+    writeOptions.software = std::string("kel ") + KEL_VERSION;
+    resolveOutput(expand(in.outputPath, frames.front()), writeOptions, firstInfo ? &*firstInfo : nullptr);
     // The output's rectangle is the first image input's (host.md); --size only stands in for it.
-    if (firstImage && in.size)
-        std::cerr << "kel: --size is ignored: the image input " << firstImage->name << " (" << *firstImage->value
+    if (!images.empty() && in.size)
+        std::cerr << "kel: --size is ignored: the image input " << images.front().name << " (" << images.front().source.path
                   << ") gives the output's size\n";
 
     // With --json the report carries the script's messages: no human text then.
@@ -93,6 +127,29 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         if (in.json) std::cout << "{" << jsonStatus(false, controller.getErrors()) << "}\n";
         return kExitRefused;
     }
+    if (const auto used = colorParametersUsed(script, in); !used.empty()) {
+        std::cerr << "kel: " << colorParameterMessage(used.front()) << "\n";
+        return kExitRefused;
+    }
+
+    // A frame's images: stills as read, a sequence's frame read now. Channels of a sequence's
+    // later frames are warned about with its first frame only.
+    const auto readFrame = [&](const Frame& frame, bool warn) {
+        const PxValidityInterval instant(frame.time, 2, frame.time, 2);
+        FrameInputs inputs;
+        for (const ImageParameter& image : images) {
+            if (!image.sequence) {
+                inputs.images.push_back(image.still.image);
+                if (!inputs.first) inputs.first = image.still.info;
+                continue;
+            }
+            ReadImage read = readImage(sourceAt(image, frame), instant);
+            if (warn) warnIgnoredChannels(image, read);
+            inputs.images.push_back(read.image);
+            if (!inputs.first) inputs.first = std::move(read.info);
+        }
+        return inputs;
+    };
 
     PxRequestMgr& requests = PxRequestMgr::getInstance();
     Watchdog watchdog(in.timeout);
@@ -102,7 +159,19 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
     // Every frame goes to a temporary file; all are renamed into place after the last one, and
     // a failure or cancellation anywhere removes them all (no partial output).
     OutputFiles outputs;
+    // While a frame renders, the next one is read and the last one written, each on a thread of
+    // its own: two frame buffers take turns. Declared after `outputs`, so that leaving early
+    // waits for them before the temporaries are removed.
+    RenderedFrame rendered[2];
+    std::future<FrameInputs> reading;
+    std::future<void> writing;
+    const auto finishWriting = [&writing] {
+        if (writing.valid()) writing.get();
+    };
     const auto cancelled = [&] {
+        // The threads finish first: a reader keeps standard error quiet while it decodes.
+        if (reading.valid()) reading.wait();
+        if (writing.valid()) writing.wait();
         bar.clear();
         std::cerr << "kel: render cancelled"
                   << (watchdog.expired() ? " after the time limit of " + (std::ostringstream() << *in.timeout).str() + " s"
@@ -111,18 +180,14 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         return kExitCancelled;
     };
 
+    FrameInputs current = readFrame(frames.front(), true);
     for (std::size_t f = 0; f < frames.size(); ++f) {
         const Frame& frame = frames[f];
-        // A still input holds for all time; a frame of a sequence at its own time only (host.md).
-        const PxValidityInterval instant(frame.time, 2, frame.time, 2);
-        Vector<PxNodePtr<const PxImageProtocol>> inputs;
+        if (f + 1 < frames.size())
+            reading = std::async(std::launch::async, readFrame, frames[f + 1], false);
         Vector<double> values;
-        for (std::size_t i = 0; i < in.parameters.size(); ++i) {
-            const ParameterOption& p = in.parameters[i];
+        for (const ParameterOption& p : in.parameters)
             if (p.type == PebInterpreterTypes::Float) values.push_back(p.value ? parseFloatValue("-f", *p.value) : 0.0);
-            if (p.type != PebInterpreterTypes::Image) continue;
-            inputs.push_back(isSequence(p) ? readImage(expand(*p.value, frame), instant) : stills[i]);
-        }
         FrameRequest request;
         request.time = frame.time;
         request.scaleLevel = in.scaleLevel;
@@ -130,16 +195,32 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         request.size = in.size;
         request.tile = in.tile;
         renderer.setProgress([&bar, f](std::size_t done, std::size_t total) { bar.update(f, done, total); });
-        RenderedFrame rendered;
+        // The other buffer is the last frame's, still being written.
+        RenderedFrame& out = rendered[f % 2];
         try {
-            rendered = renderFrame(controller, renderer, inputs, values, request, expand(in.outputPath, frame));
+            renderFrame(controller, renderer, current.images, values, request, expand(in.outputPath, frame), out);
         } catch (const ExCancelled&) {
             return cancelled();
         }
         if (requests.isCancelled()) return cancelled();
-        outputs.write(expand(in.outputPath, frame), rendered.image, rendered.format);
-        if (in.json) reports.push_back(jsonRender(controller.getErrors(), rendered.image, in.dump));
+        if (in.json) reports.push_back(jsonRender(controller.getErrors(), out.image, in.dump));
+
+        finishWriting();
+        const ImageFileInfo* first = current.first ? &*current.first : nullptr;
+        OutputFrame target{out.image, out.format, out.image.rect};
+        if (first) {
+            // The display window at the render's scale.
+            const int f2 = 1 << in.scaleLevel;
+            target.display = GeRectangle<int>(0, (first->display.xMax + f2 - 1) / f2, 0, (first->display.yMax + f2 - 1) / f2);
+            target.displayX = first->displayX / f2;
+            target.displayY = first->displayY / f2;
+        }
+        const std::string path = expand(in.outputPath, frame);
+        const OutputSettings settings = resolveOutput(path, writeOptions, first);
+        writing = std::async(std::launch::async, [&outputs, path, target, settings] { outputs.write(path, target, settings); });
+        if (reading.valid()) current = reading.get();
     }
+    finishWriting();
     if (requests.isCancelled()) return cancelled();
     bar.clear();
     outputs.commit();

@@ -8,7 +8,7 @@
 #include <sstream>
 #include <vector>
 
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 
 namespace Zt::KelApp {
 
