@@ -52,8 +52,12 @@ ChannelChoice chooseChannels(const OIIO::ImageSpec& spec, const std::string& lay
         choice.source[0] = choice.source[1] = choice.source[2] = 0;
         choice.source[3] = spec.nchannels == 2 ? 1 : -1;
     } else if (r >= 0 || g >= 0 || b >= 0) {
-        // A missing colour channel of a named set reads as 0, as an absent light would.
-        choice.source[0] = r, choice.source[1] = g, choice.source[2] = b, choice.source[3] = a;
+        // A missing colour channel of a named set reads as 0, as an absent light would. A fourth
+        // channel that the file leaves unnamed (OpenImageIO calls it channel3) after R, G, B is
+        // alpha, as the fourth of four unnamed channels is.
+        const bool unnamedFourth = a < 0 && layer.empty() && r == 0 && g == 1 && b == 2 && spec.nchannels >= 4 &&
+                                   spec.channel_name(3) == "channel3";
+        choice.source[0] = r, choice.source[1] = g, choice.source[2] = b, choice.source[3] = unnamedFourth ? 3 : a;
     } else if (y >= 0) {
         choice.source[0] = choice.source[1] = choice.source[2] = y;
         choice.source[3] = a;

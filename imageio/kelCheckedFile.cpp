@@ -10,7 +10,7 @@
 namespace Zt::KelApp {
 
 CheckedFile::CheckedFile(const std::filesystem::path& path) : IOProxy(path.string(), Write) {
-    _fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    _fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (_fd < 0) fail(errno);
 }
 
@@ -43,6 +43,24 @@ size_t CheckedFile::pwrite(const void* buffer, size_t size, int64_t offset) {
     }
     std::lock_guard lock(_mutex);
     _size = std::max(_size, size_t(offset) + done);
+    return done;
+}
+
+size_t CheckedFile::read(void* buffer, size_t size) {
+    const size_t done = pread(buffer, size, m_pos);
+    m_pos += int64_t(done);
+    return done;
+}
+
+size_t CheckedFile::pread(void* buffer, size_t size, int64_t offset) {
+    if (_fd < 0) return 0;
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = ::pread(_fd, static_cast<char*>(buffer) + done, size - done, off_t(offset) + off_t(done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        done += size_t(n);
+    }
     return done;
 }
 

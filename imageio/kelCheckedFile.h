@@ -21,6 +21,9 @@ public:
     const char* proxytype() const override { return "checked file"; }
     size_t write(const void* buffer, size_t size) override;
     size_t pwrite(const void* buffer, size_t size, int64_t offset) override;
+    // Some encoders (TIFF's) read back what they wrote.
+    size_t read(void* buffer, size_t size) override;
+    size_t pread(void* buffer, size_t size, int64_t offset) override;
     size_t size() const override { return _size; }
 
     // Closes the file; false with `reason` when a write or the close failed.

@@ -46,9 +46,12 @@ void divideByAlpha(float* px, int width) {
             for (int c = 0; c < 3; ++c) px[c] /= px[3];
 }
 
-void multiplyByAlpha(float* px, int width) {
+// `divided`: the colour was divided by alpha before, where alpha was not 0; colour beside an
+// alpha of 0 (a glow, in premultiplied terms) was converted as it stands and stays.
+void multiplyByAlpha(float* px, int width, bool divided) {
     for (int x = 0; x < width; ++x, px += 4)
-        for (int c = 0; c < 3; ++c) px[c] *= px[3];
+        if (!divided || px[3] != 0.0f)
+            for (int c = 0; c < 3; ++c) px[c] *= px[3];
 }
 
 }  // namespace
@@ -67,9 +70,9 @@ void convertPixels(float* pixels, int width, int rows, std::ptrdiff_t rowStride,
             if (processor) {
                 if (!straightIn) divideByAlpha(row, width);
                 processor->apply(row, width, 1, 4, sizeof(float), 4 * sizeof(float), OIIO::AutoStride);
-                if (!straightOut) multiplyByAlpha(row, width);
+                if (!straightOut) multiplyByAlpha(row, width, !straightIn);
             } else if (straightIn) {
-                multiplyByAlpha(row, width);
+                multiplyByAlpha(row, width, false);
             } else {
                 divideByAlpha(row, width);
             }

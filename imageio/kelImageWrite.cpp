@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <system_error>
 
 #include "kelCheckedFile.h"
@@ -29,7 +30,9 @@ namespace {
 using D = SampleDepth;
 
 // What each format can store. `fallback` is its depth when the first input's is not among
-// `depths` (or there is no input); an empty list of compressions takes none.
+// `depths` (or there is no input); an empty list of compressions takes none. `checkedWrites`:
+// its writer goes through a CheckedFile correctly (TIFF's rewrites its directory wrongly there
+// and is checked by reading the file back instead).
 struct FormatRule {
     const char* name;
     std::vector<SampleDepth> depths;
@@ -37,20 +40,21 @@ struct FormatRule {
     std::vector<std::string> compressions;
     const char* defaultCompression;
     bool straightAlpha;
+    bool checkedWrites;
 };
 const FormatRule kFormats[] = {
-    {"openexr", {D::Half, D::Float}, D::Float, {"none", "rle", "zips", "zip", "piz", "pxr24", "b44", "b44a", "dwaa", "dwab"}, "zip", false},
-    {"tiff",    {D::UInt8, D::UInt16, D::Half, D::Float}, D::UInt16, {"none", "lzw", "zip", "packbits"}, "", false},
-    {"png",     {D::UInt8, D::UInt16}, D::UInt8, {"zip"}, "", true},
-    {"dpx",     {D::UInt8, D::UInt10, D::UInt16}, D::UInt10, {}, "", false},
-    {"jpeg",    {D::UInt8}, D::UInt8, {"jpeg"}, "", false},
-    {"targa",   {D::UInt8}, D::UInt8, {"none", "rle"}, "", true},
-    {"bmp",     {D::UInt8}, D::UInt8, {}, "", false},
-    {"hdr",     {D::Float}, D::Float, {}, "", false},
-    {"pnm",     {D::UInt8, D::UInt16}, D::UInt8, {}, "", false},
+    {"openexr", {D::Half, D::Float}, D::Float, {"none", "rle", "zips", "zip", "piz", "pxr24", "b44", "b44a", "dwaa", "dwab"}, "zip", false, true},
+    {"tiff",    {D::UInt8, D::UInt16, D::Float}, D::UInt16, {"none", "lzw", "zip", "packbits"}, "", false, false},
+    {"png",     {D::UInt8, D::UInt16}, D::UInt8, {"zip"}, "", true, true},
+    {"dpx",     {D::UInt8, D::UInt10, D::UInt16}, D::UInt10, {}, "", false, true},
+    {"jpeg",    {D::UInt8}, D::UInt8, {"jpeg"}, "", false, true},
+    {"targa",   {D::UInt8}, D::UInt8, {"none", "rle"}, "", true, true},
+    {"bmp",     {D::UInt8}, D::UInt8, {}, "", false, false},
+    {"hdr",     {D::Float}, D::Float, {}, "", false, false},
+    {"pnm",     {D::UInt8, D::UInt16}, D::UInt8, {}, "", false, false},
 };
 // A format not listed takes any depth and any compression, as OpenImageIO's writer sees fit.
-const FormatRule kAnyFormat{"", {D::UInt8, D::UInt10, D::UInt16, D::Half, D::Float}, D::UInt8, {"*"}, "", false};
+const FormatRule kAnyFormat{"", {D::UInt8, D::UInt10, D::UInt16, D::Half, D::Float}, D::UInt8, {"*"}, "", false, false};
 
 const FormatRule& ruleFor(const std::string& formatName) {
     for (const FormatRule& rule : kFormats)
@@ -233,13 +237,14 @@ void OutputFiles::write(const std::string& path, const OutputFrame& frame, const
     const ImageSpec spec = fileSpec(frame, settings, region);
 
     // Written through checked writes when the format allows it, else checked by reading back.
-    CheckedFile file(temporary);
-    const bool checked = out->supports("ioproxy") && out->set_ioproxy(&file);
+    std::optional<CheckedFile> file;
+    if (ruleFor(settings.formatName).checkedWrites && out->supports("ioproxy")) file.emplace(temporary);
+    const bool checked = file && out->set_ioproxy(&*file);
     bool written = out->open(temporary.string(), spec) && writePixels(*out, spec, frame, settings, region) && out->close();
     std::string reason = written ? "" : oneLine(out->geterror());
     out.reset();
     std::string fileReason;
-    if (!file.finish(fileReason) && checked) {
+    if (file && !file->finish(fileReason) && checked) {
         written = false;
         reason = fileReason;
     }

@@ -6,8 +6,9 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-"$here/build"}; shift || true
 
 packages=(g++ cmake make flex bison libopenimageio-dev openimageio-tools libtbb-dev
-          libcli11-dev libgtest-dev googletest libbenchmark-dev python3
+          libcli11-dev libgtest-dev googletest libbenchmark-dev python3 python3-openimageio
           clang libclang-rt-14-dev)  # clang and libFuzzer: the fuzz stage of scripts/test.sh
+# python3-openimageio: the tests of image files make their images with it.
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
