@@ -3,6 +3,7 @@
 
 #include <sys/mman.h>
 
+#include <cstdint>
 #include <mutex>
 #include <new>
 #include <vector>
@@ -16,8 +17,7 @@ namespace {
 // rendered): the bytes bound what an idle host keeps.
 constexpr std::size_t kMaxKept = 64;
 constexpr std::size_t kMaxKeptBytes = std::size_t(512) << 20;
-// A buffer of a whole frame is aligned to a huge page and asks the system for huge pages: a
-// 50 MB frame faults in 25 pages instead of 12,000 where the system grants them.
+// A buffer of a whole frame is aligned to a huge page and asks for huge pages.
 constexpr std::size_t kHugePage = std::size_t(2) << 20;
 
 struct Kept {
@@ -67,9 +67,15 @@ IxTileStorage::Buffer IxTileStorage::acquire(std::size_t count, std::size_t& cap
     const std::size_t bytes = (count * sizeof(Color) + alignment - 1) / alignment * alignment;
     Color* p = static_cast<Color*>(std::aligned_alloc(alignment, bytes));
     if (!p) throw std::bad_alloc();
-    if (alignment == kHugePage) madvise(p, bytes, MADV_HUGEPAGE);  // a hint: refused, small pages serve
+    if (alignment == kHugePage) adviseHugePages(p, bytes);
     capacity = count;
     return Buffer(p);
+}
+
+void IxTileStorage::adviseHugePages(void* p, std::size_t bytes) {
+    const auto begin = (reinterpret_cast<std::uintptr_t>(p) + kHugePage - 1) / kHugePage * kHugePage;
+    const auto end = (reinterpret_cast<std::uintptr_t>(p) + bytes) / kHugePage * kHugePage;
+    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
 }
 
 void IxTileStorage::release(Buffer buffer, std::size_t capacity) {

@@ -50,7 +50,13 @@ void PxTileRenderer::render(const PxImageProtocol& node, const GeRectangle<int>&
     }
     // Every pixel is written below (a tile's, or transparent black where no tile gives one), so a
     // reused buffer is not cleared: clearing 50 MB costs as much as a simple script's render.
-    image.pixels.resize(std::size_t(rect.width()) * std::size_t(rect.height()));
+    const std::size_t count = std::size_t(rect.width()) * std::size_t(rect.height());
+    if (image.pixels.capacity() < count) {
+        image.pixels.clear();
+        image.pixels.reserve(count);
+        IxTileStorage::adviseHugePages(image.pixels.data(), count * sizeof(Color));
+    }
+    image.pixels.resize(count);
 
     const int tx0 = floorDiv(rect.xMin, context.tileWidth), tx1 = floorDiv(rect.xMax - 1, context.tileWidth) + 1;
     const int ty0 = floorDiv(rect.yMin, context.tileHeight), ty1 = floorDiv(rect.yMax - 1, context.tileHeight) + 1;

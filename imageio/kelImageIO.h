@@ -147,6 +147,11 @@ struct OutputFrame {
     int displayX = 0, displayY = 0;
 };
 
+// The frame to write for `image` rendered at `scaleLevel`: the first input's display window at
+// that scale (null: the rendered rectangle is the display window).
+OutputFrame outputFrame(const PxRenderedImage& image, const IxPixelFormat& format, const ImageFileInfo* firstInput,
+                        int scaleLevel);
+
 // The output files of a render (one image, or every frame of a sequence), all or nothing: each
 // image is written into a temporary file beside its path, with checked writes, and `commit`
 // renames them all into place once the last one is written. Destroyed before `commit` (a

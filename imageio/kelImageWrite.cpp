@@ -150,6 +150,20 @@ OutputSettings resolveOutput(const std::string& path, const ImageWriteOptions& o
     return s;
 }
 
+OutputFrame outputFrame(const PxRenderedImage& image, const IxPixelFormat& format, const ImageFileInfo* firstInput,
+                        int scaleLevel) {
+    OutputFrame frame{image, format, image.rect};
+    if (firstInput) {
+        // A proxy's display window covers the pixels that cover the full one.
+        const int f = 1 << scaleLevel;
+        const GeRectangle<int>& d = firstInput->display;
+        frame.display = GeRectangle<int>(0, (d.xMax + f - 1) / f, 0, (d.yMax + f - 1) / f);
+        frame.displayX = firstInput->displayX / f;
+        frame.displayY = firstInput->displayY / f;
+    }
+    return frame;
+}
+
 namespace {
 
 // Beside the output, hidden, with the output's extension so that OpenImageIO picks its format.

@@ -207,14 +207,7 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
 
         finishWriting();
         const ImageFileInfo* first = current.first ? &*current.first : nullptr;
-        OutputFrame target{out.image, out.format, out.image.rect};
-        if (first) {
-            // The display window at the render's scale.
-            const int f2 = 1 << in.scaleLevel;
-            target.display = GeRectangle<int>(0, (first->display.xMax + f2 - 1) / f2, 0, (first->display.yMax + f2 - 1) / f2);
-            target.displayX = first->displayX / f2;
-            target.displayY = first->displayY / f2;
-        }
+        const OutputFrame target = outputFrame(out.image, out.format, first, in.scaleLevel);
         const std::string path = expand(in.outputPath, frame);
         const OutputSettings settings = resolveOutput(path, writeOptions, first);
         writing = std::async(std::launch::async, [&outputs, path, target, settings] { outputs.write(path, target, settings); });

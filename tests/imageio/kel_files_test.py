@@ -59,11 +59,7 @@ def solid(w, h, *values):
 
 class KelFiles(unittest.TestCase):
     def setUp(self):
-        self.tmp = tempfile.TemporaryDirectory()
-        self.dir = self.tmp.name
-
-    def tearDown(self):
-        self.tmp.cleanup()
+        self.dir = self.enterContext(tempfile.TemporaryDirectory())
 
     def path(self, name):
         return os.path.join(self.dir, name)
