@@ -80,4 +80,7 @@ done
   echo '```'
   if [ -f "$here/bench/analysis.md" ]; then echo; cat "$here/bench/analysis.md"; fi
 } > "$doc"
+# Whole files against oiiotool: a section of its own, added to the page just written.
+cmake --build "$build" -j "$(nproc)" --target kel >/dev/null
+/usr/bin/python3 "$here/bench/files.py" "$build/bin/kel"
 echo "wrote $doc"

@@ -1,6 +1,9 @@
 // The shared cache of tile buffers (IxTileStorage.h).
 #include "IxTileStorage.h"
 
+#include <sys/mman.h>
+
+#include <cstdint>
 #include <mutex>
 #include <new>
 #include <vector>
@@ -10,9 +13,12 @@ namespace Zt {
 namespace {
 
 // Enough for the tiles in flight on every thread (output, input, sampler tiles) of a machine
-// with many cores; the bytes bound what an idle host keeps.
+// with many cores, and for the frames of a sequence in flight (an input read ahead, one being
+// rendered): the bytes bound what an idle host keeps.
 constexpr std::size_t kMaxKept = 64;
-constexpr std::size_t kMaxKeptBytes = std::size_t(256) << 20;
+constexpr std::size_t kMaxKeptBytes = std::size_t(512) << 20;
+// A buffer of a whole frame is aligned to a huge page and asks for huge pages.
+constexpr std::size_t kHugePage = std::size_t(2) << 20;
 
 struct Kept {
     IxTileStorage::Buffer buffer;
@@ -57,11 +63,19 @@ IxTileStorage::Buffer IxTileStorage::acquire(std::size_t count, std::size_t& cap
         }
     }
     // Cache-line aligned, so that a row of a tile of a multiple of four columns starts aligned.
-    const std::size_t bytes = (count * sizeof(Color) + 63) / 64 * 64;
-    Color* p = static_cast<Color*>(std::aligned_alloc(64, bytes));
+    const std::size_t alignment = count * sizeof(Color) >= 2 * kHugePage ? kHugePage : 64;
+    const std::size_t bytes = (count * sizeof(Color) + alignment - 1) / alignment * alignment;
+    Color* p = static_cast<Color*>(std::aligned_alloc(alignment, bytes));
     if (!p) throw std::bad_alloc();
+    if (alignment == kHugePage) adviseHugePages(p, bytes);
     capacity = count;
     return Buffer(p);
+}
+
+void IxTileStorage::adviseHugePages(void* p, std::size_t bytes) {
+    const auto begin = (reinterpret_cast<std::uintptr_t>(p) + kHugePage - 1) / kHugePage * kHugePage;
+    const auto end = (reinterpret_cast<std::uintptr_t>(p) + bytes) / kHugePage * kHugePage;
+    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
 }
 
 void IxTileStorage::release(Buffer buffer, std::size_t capacity) {

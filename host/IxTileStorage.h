@@ -28,6 +28,11 @@ public:
     // Gives a buffer back; kept while the cache holds fewer than its limits, freed otherwise.
     static void release(Buffer buffer, std::size_t capacity);
 
+    // Asks the system for huge pages over the whole 2 MiB pages inside [p, p + bytes), before
+    // they are first touched: a 50 MB frame then faults in 25 pages instead of 12,000. A hint;
+    // where it is refused, small pages serve.
+    static void adviseHugePages(void* p, std::size_t bytes);
+
     // For tests and benchmarks: how many buffers the cache holds, and dropping them all.
     static std::size_t keptCount();
     static void clear();

@@ -8,6 +8,8 @@ namespace Zt {
 
 namespace {
 
+int floorDiv(int a, int b) { return a / b - ((a % b != 0) && (a < 0)); }
+
 void checkLevel(int scaleLevel) {
     // 1 << 30 is the last shift that stays an int.
     if (scaleLevel < 0 || scaleLevel > 30)
@@ -18,11 +20,22 @@ void checkLevel(int scaleLevel) {
 
 PxMemoryImage::PxMemoryImage(int width, int height, std::vector<Color> pixels, const IxPixelFormat& format,
                              const PxValidityInterval& validity)
-    : _width(std::max(width, 0)), _height(std::max(height, 0)), _pixels(new Pixels), _format(format),
-      _validity(validity) {
+    : _rect(0, std::max(width, 0), 0, std::max(height, 0)), _pixels(new Pixels), _format(format), _validity(validity) {
     _pixels->colors = std::move(pixels);
-    if (_pixels->colors.size() != std::size_t(_width) * std::size_t(_height))
+    _pixels->data = _pixels->colors.data();
+    if (_pixels->colors.size() != std::size_t(_rect.width()) * std::size_t(_rect.height()))
         Assertions::throwAssertionFailed("host/PxMemoryImage", __LINE__, "pixels.size() == width * height");
+}
+
+PxMemoryImage::PxMemoryImage(const GeRectangle<int>& rect, IxTileStorage::Buffer pixels, std::size_t capacity,
+                             const IxPixelFormat& format, const PxValidityInterval& validity)
+    : _rect(rect.isEmpty() ? GeRectangle<int>(rect.xMin, rect.xMin, rect.yMin, rect.yMin) : rect), _pixels(new Pixels),
+      _format(format), _validity(validity) {
+    _pixels->buffer = std::move(pixels);
+    _pixels->capacity = capacity;
+    _pixels->data = _pixels->buffer.get();
+    if (capacity < std::size_t(_rect.width()) * std::size_t(_rect.height()))
+        Assertions::throwAssertionFailed("host/PxMemoryImage", __LINE__, "capacity >= width * height");
 }
 
 PxImageFormat PxMemoryImage::getFormat() const {
@@ -33,14 +46,16 @@ PxImageFormat PxMemoryImage::getFormat() const {
 }
 
 PxRODResult PxMemoryImage::getROD(const PxImageContext&) const {
-    return {_validity, GeRectangle<float>(0.0f, float(_width) * _format.aspect(), 0.0f, float(_height))};
+    const float a = _format.aspect();
+    return {_validity, GeRectangle<float>(float(_rect.xMin) * a, float(_rect.xMax) * a, float(_rect.yMin), float(_rect.yMax))};
 }
 
 GeRectangle<int> PxMemoryImage::pixelRect(int scaleLevel) const {
     checkLevel(scaleLevel);
     const int f = 1 << scaleLevel;
-    // ceil(W / f) without the float round trip of nominalToPixelized; the two agree (tested).
-    return {0, (_width + f - 1) / f, 0, (_height + f - 1) / f};
+    // floor and ceil of the corners over f without the float round trip of nominalToPixelized;
+    // the two agree (tested).
+    return {floorDiv(_rect.xMin, f), -floorDiv(-_rect.xMax, f), floorDiv(_rect.yMin, f), -floorDiv(-_rect.yMax, f)};
 }
 
 Color PxMemoryImage::pixelAt(int x, int y, int scaleLevel) const {
@@ -48,13 +63,13 @@ Color PxMemoryImage::pixelAt(int x, int y, int scaleLevel) const {
     if (x < r.xMin || x >= r.xMax || y < r.yMin || y >= r.yMax) return Color::ZERO;
     if (scaleLevel == 0) return pixel(x, y);
     const int f = 1 << scaleLevel;
-    const int fx0 = x * f, fx1 = std::min(fx0 + f, _width);
-    const int fy0 = y * f, fy1 = std::min(fy0 + f, _height);
+    const int fx0 = std::max(x * f, _rect.xMin), fx1 = std::min(x * f + f, _rect.xMax);
+    const int fy0 = std::max(y * f, _rect.yMin), fy1 = std::min(y * f + f, _rect.yMax);
     double sum[4] = {0, 0, 0, 0};
     for (int fy = fy0; fy < fy1; ++fy) {
-        const Color* row = &_pixels->colors[std::size_t(fy) * std::size_t(_width)];
+        const Color* row = fx0 < fx1 ? &pixel(fx0, fy) : nullptr;
         for (int fx = fx0; fx < fx1; ++fx)
-            for (int c = 0; c < 4; ++c) sum[c] += row[fx][c];
+            for (int c = 0; c < 4; ++c) sum[c] += row[fx - fx0][c];
     }
     // The uncovered part of the footprint is the fill colour, transparent black: it adds nothing.
     const double n = double(f) * double(f);
@@ -68,7 +83,7 @@ PxImageResult PxMemoryImage::getImage(const PxImageContext& context) const {
     const GeRectangle<int> image = pixelRect(context.scaleLevel);
     if (context.scaleLevel == 0 && !rect.isEmpty() && rect.xMin >= image.xMin && rect.xMax <= image.xMax &&
         rect.yMin >= image.yMin && rect.yMax <= image.yMax) {
-        return PxImageResult(RCShdPtr<IxTile>(new IxTile(_format, rect, Color::ZERO, &pixel(rect.xMin, rect.yMin), _width,
+        return PxImageResult(RCShdPtr<IxTile>(new IxTile(_format, rect, Color::ZERO, &pixel(rect.xMin, rect.yMin), _rect.width(),
                                                          RCShdPtr<const RCBase<LkCounter<int>>>(_pixels.get()))),
                              _validity);
     }

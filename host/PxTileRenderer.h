@@ -32,6 +32,10 @@ public:
     // meets `rect`, at the context's time and scale level. Pixels of `rect` that no tile
     // covers stay transparent black. The validity starts full.
     PxRenderedImage render(const PxImageProtocol& node, const GeRectangle<int>& rect, const PxImageContext& context) const;
+    // The same into `image`, whose pixel buffer is reused when it already has the size (frames
+    // of a sequence): its old pixels are all overwritten, none is cleared first.
+    void render(const PxImageProtocol& node, const GeRectangle<int>& rect, const PxImageContext& context,
+                PxRenderedImage& image) const;
 
     int threadCount() const { return _threads; }
 

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 #include "kelOptions.h"
 
 namespace Zt::KelPython {

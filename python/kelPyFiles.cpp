@@ -1,6 +1,6 @@
 #include "kelPyFiles.h"
 
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 #include "kelPyArrays.h"
 
 namespace Zt::KelPython {
@@ -9,7 +9,7 @@ py::array readImageFile(const std::string& path) {
     PxNodePtr<PxMemoryImage> image;
     try {
         py::gil_scoped_release released;
-        image = KelApp::readImage(path, PxValidityInterval::getFull());
+        image = KelApp::readImage(KelApp::ImageSource{path, {}}, PxValidityInterval::getFull()).image;
     } catch (const KelApp::FileError& e) {
         PyErr_SetString(PyExc_OSError, e.what());
         throw py::error_already_set();
@@ -26,8 +26,9 @@ void writeImageFile(const std::string& path, py::handle image, const IxPixelForm
     try {
         py::gil_scoped_release released;
         KelApp::checkWritable(path);
+        const KelApp::OutputSettings settings = KelApp::resolveOutput(path, KelApp::ImageWriteOptions{}, nullptr);
         KelApp::OutputFiles output;
-        output.write(path, frame, format);
+        output.write(path, KelApp::outputFrame(frame, format, nullptr, 0), settings);
         output.commit();
     } catch (const KelApp::FileError& e) {
         PyErr_SetString(PyExc_OSError, e.what());

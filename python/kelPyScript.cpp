@@ -8,7 +8,7 @@
 
 #include "kelDeclarations.h"
 #include "kelFrame.h"
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 #include "kelOptions.h"
 #include "kelPlugins.h"
 #include "kelPyArguments.h"

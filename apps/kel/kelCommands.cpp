@@ -11,7 +11,8 @@
 #include "InBuildInfo.h"
 #include "PebController.h"
 #include "kelCancellation.h"
-#include "kelImageFiles.h"
+#include "kelColorParameters.h"
+#include "kelImageIO.h"
 #include "kelJson.h"
 #include "kelParameterList.h"
 #include "kelPlugins.h"
@@ -24,6 +25,10 @@ namespace {
 
 int runCheck(PebController& controller, const Invocation& in, const Script& script) {
     const bool ok = compile(controller, in, script);
+    // The script compiles, but a render would refuse it: said here too, without failing.
+    if (ok)
+        for (const std::string& name : colorParametersUsed(script, in))
+            std::cerr << "kel: warning: " << colorParameterMessage(name) << "\n";
     if (in.json)
         std::cout << "{" << jsonStatus(ok, controller.getErrors()) << "}\n";
     else

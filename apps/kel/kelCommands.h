@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "kelImageIO.h"
 #include "kelOptions.h"
 
 namespace Zt::KelApp {
@@ -38,6 +39,9 @@ struct Invocation {
     std::optional<double> timeout;
     bool json = false;
     bool dump = false;
+    // How the output files are written (-d, --compression, --channels, --out-colorspace,
+    // --no-metadata), and the command line for their history.
+    ImageWriteOptions write;
 };
 
 // Runs the command; returns the exit status. Throws UsageError for a usage error.

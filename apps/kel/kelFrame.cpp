@@ -3,13 +3,21 @@
 #include <algorithm>
 #include <cmath>
 
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 
 namespace Zt::KelApp {
 
 RenderedFrame renderFrame(PebController& controller, PxTileRenderer& renderer,
                           const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& values,
                           const FrameRequest& request, const std::string& what) {
+    RenderedFrame frame;
+    renderFrame(controller, renderer, inputs, values, request, what, frame);
+    return frame;
+}
+
+void renderFrame(PebController& controller, PxTileRenderer& renderer,
+                 const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& values,
+                 const FrameRequest& request, const std::string& what, RenderedFrame& frame) {
     const PxNodePtr<const PxImageProtocol> first = inputs.empty() ? nullptr : inputs.front();
     IxPixelFormat format;
     if (request.pixelAspect) {
@@ -42,7 +50,8 @@ RenderedFrame renderFrame(PebController& controller, PxTileRenderer& renderer,
     renderer.setProgress(request.progress ? [progress = request.progress, pixels](std::size_t done, std::size_t total) {
         progress(done, total, pixels);
     } : std::function<void(std::size_t, std::size_t)>());
-    return {renderer.render(*node, rect, context), format};
+    frame.format = format;
+    renderer.render(*node, rect, context, frame.image);
 }
 
 }  // namespace Zt::KelApp

@@ -41,5 +41,9 @@ struct RenderedFrame {
 RenderedFrame renderFrame(PebController& controller, PxTileRenderer& renderer,
                           const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& values,
                           const FrameRequest& request, const std::string& what);
+// The same into `frame`, whose pixel buffer is reused when it has the size (a sequence's frames).
+void renderFrame(PebController& controller, PxTileRenderer& renderer,
+                 const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& values,
+                 const FrameRequest& request, const std::string& what, RenderedFrame& frame);
 
 }  // namespace Zt::KelApp

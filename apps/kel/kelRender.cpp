@@ -2,12 +2,14 @@
 
 #include <cmath>
 #include <filesystem>
+#include <future>
 #include <iostream>
 #include <sstream>
 
 #include "kelCancellation.h"
+#include "kelColorParameters.h"
 #include "kelFrame.h"
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 #include "kelJson.h"
 #include "kelProgress.h"
 
@@ -41,6 +43,30 @@ void addParameters(PebController& controller, const Invocation& in) {
             throw UsageError("parameter '" + p.name + "' is given twice (or names the output)");
 }
 
+// An image input: its file and read options, and, for a still, the image read once.
+struct ImageParameter {
+    std::string name;
+    ImageSource source;
+    bool sequence = false;
+    ReadImage still;
+};
+
+// The images of one frame, in parameter order, and what the first of them carries; or why
+// they could not be read, kept for the frame's turn since they are read ahead of it.
+struct FrameInputs {
+    Vector<PxNodePtr<const PxImageProtocol>> images;
+    std::optional<ImageFileInfo> first;
+    std::exception_ptr failure;
+};
+
+void warnIgnoredChannels(const ImageParameter& input, const ReadImage& read, bool quiet) {
+    if (quiet || read.ignoredChannels.empty()) return;
+    std::string names;
+    for (const std::string& n : read.ignoredChannels) names += (names.empty() ? "" : ", ") + n;
+    std::cerr << "kel: warning: -i " << input.name << ": channels " << names << " of " << input.source.path
+              << " are ignored (choose a layer with :layer=NAME)\n";
+}
+
 }  // namespace
 
 bool compile(PebController& controller, const Invocation& in, const Script& script) {
@@ -50,11 +76,11 @@ bool compile(PebController& controller, const Invocation& in, const Script& scri
 }
 
 int runRender(PebController& controller, const Invocation& in, const Script& script) {
-    const ParameterOption* firstImage = nullptr;
+    std::vector<ImageParameter> images;
     for (const ParameterOption& p : in.parameters) {
         if (p.type != PebInterpreterTypes::Image) continue;
         if (!p.value) throw UsageError("render needs a file for the image input: -i " + p.name + "=FILE");
-        if (!firstImage) firstImage = &p;
+        images.push_back({p.name, parseImageSource(*p.value, "-i " + p.name), false, {}});
     }
     const bool sequence = !in.frames.empty();
     std::vector<Frame> frames;
@@ -64,30 +90,40 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         return frame.number ? expandFramePath(path, *frame.number) : path;
     };
     // A frame of a sequence input is read at its frame; a still input once, for every frame.
-    const auto isSequence = [sequence](const ParameterOption& p) { return sequence && hasFramePattern(*p.value); };
+    for (ImageParameter& image : images) image.sequence = sequence && hasFramePattern(image.source.path);
+    const auto sourceAt = [&expand](const ImageParameter& image, const Frame& frame) {
+        return ImageSource{expand(image.source.path, frame), image.source.options};
+    };
 
     // Refused before any work: rendering over an input, an output that can't be written, an
-    // input (any frame of it) that can't be read.
+    // input (any frame of it) that can't be read, an output setting its format lacks.
     for (const Frame& frame : frames) {
         const std::string output = expand(in.outputPath, frame);
-        for (const ParameterOption& p : in.parameters)
-            if (p.type == PebInterpreterTypes::Image && samePath(output, expand(*p.value, frame)))
-                throw UsageError("refusing to render over the input " + expand(*p.value, frame) + " (-i " + p.name + ")");
+        for (const ImageParameter& image : images)
+            if (samePath(output, expand(image.source.path, frame)))
+                throw UsageError("refusing to render over the input " + expand(image.source.path, frame) + " (-i " + image.name + ")");
         checkWritable(output);
     }
-    if (!firstImage && !in.size) throw UsageError("--size WxH is required when there is no image input");
-    std::vector<PxNodePtr<const PxImageProtocol>> stills(in.parameters.size());
-    for (std::size_t i = 0; i < in.parameters.size(); ++i) {
-        const ParameterOption& p = in.parameters[i];
-        if (p.type != PebInterpreterTypes::Image) continue;
-        if (isSequence(p))
-            for (const Frame& frame : frames) checkReadable(expand(*p.value, frame));
-        else
-            stills[i] = readImage(*p.value, PxValidityInterval::getFull());
+    if (images.empty() && !in.size) throw UsageError("--size WxH is required when there is no image input");
+    std::optional<ImageFileInfo> firstInfo;
+    for (ImageParameter& image : images) {
+        if (image.sequence) {
+            for (const Frame& frame : frames) {
+                ImageFileInfo info = checkReadable(sourceAt(image, frame));
+                if (!firstInfo && &image == &images.front()) firstInfo = std::move(info);
+            }
+        } else {
+            image.still = readImage(image.source, PxValidityInterval::getFull());
+            warnIgnoredChannels(image, image.still, in.quiet);
+            if (&image == &images.front()) firstInfo = image.still.info;
+        }
     }
+    ImageWriteOptions writeOptions = in.write;
+    writeOptions.software = std::string("kel ") + KEL_VERSION;
+    resolveOutput(expand(in.outputPath, frames.front()), writeOptions, firstInfo ? &*firstInfo : nullptr);
     // The output's rectangle is the first image input's; --size only stands in for it.
-    if (firstImage && in.size && !in.quiet)
-        std::cerr << "kel: --size is ignored: the image input " << firstImage->name << " (" << *firstImage->value
+    if (!images.empty() && in.size && !in.quiet)
+        std::cerr << "kel: --size is ignored: the image input " << images.front().name << " (" << images.front().source.path
                   << ") gives the output's size\n";
 
     // With --json the report carries the script's messages: no human text then.
@@ -97,6 +133,33 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         if (in.json) std::cout << "{" << jsonStatus(false, controller.getErrors()) << "}\n";
         return kExitRefused;
     }
+    if (const auto used = colorParametersUsed(script, in); !used.empty()) {
+        std::cerr << "kel: " << colorParameterMessage(used.front()) << "\n";
+        return kExitRefused;
+    }
+
+    // A frame's images: stills as read, a sequence's frame read now. Channels of a sequence's
+    // later frames are warned about with its first frame only.
+    const auto readFrame = [&](const Frame& frame, bool warn) {
+        const PxValidityInterval instant(frame.time, 2, frame.time, 2);
+        FrameInputs inputs;
+        try {
+            for (const ImageParameter& image : images) {
+                if (!image.sequence) {
+                    inputs.images.push_back(image.still.image);
+                    if (!inputs.first) inputs.first = image.still.info;
+                    continue;
+                }
+                ReadImage read = readImage(sourceAt(image, frame), instant);
+                if (warn) warnIgnoredChannels(image, read, in.quiet);
+                inputs.images.push_back(read.image);
+                if (!inputs.first) inputs.first = std::move(read.info);
+            }
+        } catch (...) {
+            inputs.failure = std::current_exception();
+        }
+        return inputs;
+    };
 
     PxRequestMgr& requests = PxRequestMgr::getInstance();
     Watchdog watchdog(in.timeout);
@@ -106,7 +169,20 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
     // Every frame goes to a temporary file; all are renamed into place after the last one, and
     // a failure or cancellation anywhere removes them all (no partial output).
     OutputFiles outputs;
+    // While a frame renders, the next one is read and the last one written, each on a thread of
+    // its own: two frame buffers take turns. Declared after `outputs`, so that leaving early
+    // waits for them before the temporaries are removed.
+    RenderedFrame rendered[2];
+    std::future<FrameInputs> reading;
+    struct PendingWrite {
+        std::future<void> done;
+        std::size_t index = 0;
+        std::string output;
+    } writing;
     const auto cancelled = [&] {
+        // The threads finish first: a reader keeps standard error quiet while it decodes.
+        if (reading.valid()) reading.wait();
+        if (writing.done.valid()) writing.done.wait();
         progress.clear();
         std::cerr << "kel: render cancelled"
                   << (watchdog.expired() ? " after the time limit of " + (std::ostringstream() << *in.timeout).str() + " s"
@@ -114,11 +190,40 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
                   << "; nothing written to " << in.outputPath << "\n";
         return kExitCancelled;
     };
+    // A frame's failure, wherever it happened (reading ahead, rendering, writing behind), ends
+    // the render naming the frame.
+    const auto frameFailure = [&](std::size_t index, const std::string& output, std::exception_ptr failure) {
+        try {
+            std::rethrow_exception(failure);
+        } catch (const ExCancelled&) {
+            throw;
+        } catch (const FileError& e) {
+            if (!sequence) throw;
+            throw FileError(failedFrame(frames[index], output) + e.what());
+        } catch (const ExBase& e) {
+            if (!sequence) throw;
+            throw ExBase("kel", 0, failedFrame(frames[index], output) + readableReason(e));
+        }
+    };
+    const auto finishWriting = [&] {
+        if (!writing.done.valid()) return;
+        try {
+            writing.done.get();
+        } catch (...) {
+            frameFailure(writing.index, writing.output, std::current_exception());
+        }
+        progress.frameDone(writing.index, frames[writing.index].number.value_or(0), writing.output);
+    };
 
+    FrameInputs current = readFrame(frames.front(), true);
     for (std::size_t f = 0; f < frames.size(); ++f) {
         const Frame& frame = frames[f];
-        // A still input holds for all time; a frame of a sequence at its own time only.
-        const PxValidityInterval instant(frame.time, 2, frame.time, 2);
+        const std::string output = expand(in.outputPath, frame);
+        if (f + 1 < frames.size())
+            reading = std::async(std::launch::async, readFrame, frames[f + 1], false);
+        Vector<double> values;
+        for (const ParameterOption& p : in.parameters)
+            if (p.type == PebInterpreterTypes::Float) values.push_back(p.value ? parseFloatValue("-f", *p.value) : 0.0);
         FrameRequest request;
         request.time = frame.time;
         request.scaleLevel = in.scaleLevel;
@@ -129,32 +234,29 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         request.progress = [&progress, f](std::size_t done, std::size_t total, std::size_t pixels) {
             progress.update(f, done, total, pixels);
         };
-        const std::string output = expand(in.outputPath, frame);
-        RenderedFrame rendered;
+        // The other buffer is the last frame's, still being written.
+        RenderedFrame& out = rendered[f % 2];
         try {
-            Vector<PxNodePtr<const PxImageProtocol>> inputs;
-            Vector<double> values;
-            for (std::size_t i = 0; i < in.parameters.size(); ++i) {
-                const ParameterOption& p = in.parameters[i];
-                if (p.type == PebInterpreterTypes::Float) values.push_back(p.value ? parseFloatValue("-f", *p.value) : 0.0);
-                if (p.type != PebInterpreterTypes::Image) continue;
-                inputs.push_back(isSequence(p) ? readImage(expand(*p.value, frame), instant) : stills[i]);
-            }
-            rendered = renderFrame(controller, renderer, inputs, values, request, output);
-            if (requests.isCancelled()) return cancelled();
-            outputs.write(output, rendered.image, rendered.format);
+            if (current.failure) std::rethrow_exception(current.failure);
+            renderFrame(controller, renderer, current.images, values, request, output, out);
         } catch (const ExCancelled&) {
             return cancelled();
-        } catch (const FileError& e) {
-            if (!sequence) throw;
-            throw FileError(failedFrame(frame, output) + e.what());
-        } catch (const ExBase& e) {
-            if (!sequence) throw;
-            throw ExBase("kel", 0, failedFrame(frame, output) + readableReason(e));
+        } catch (...) {
+            frameFailure(f, output, std::current_exception());
         }
-        progress.frameDone(f, frame.number.value_or(0), output);
-        if (in.json) reports.push_back(jsonRender(controller.getErrors(), rendered.image, in.dump));
+        if (requests.isCancelled()) return cancelled();
+        if (in.json) reports.push_back(jsonRender(controller.getErrors(), out.image, in.dump));
+
+        finishWriting();
+        const ImageFileInfo* first = current.first ? &*current.first : nullptr;
+        const OutputFrame target = outputFrame(out.image, out.format, first, in.scaleLevel);
+        const OutputSettings settings = resolveOutput(output, writeOptions, first);
+        writing.index = f;
+        writing.output = output;
+        writing.done = std::async(std::launch::async, [&outputs, output, target, settings] { outputs.write(output, target, settings); });
+        if (reading.valid()) current = reading.get();
     }
+    finishWriting();
     if (requests.isCancelled()) return cancelled();
     progress.clear();
     outputs.commit();

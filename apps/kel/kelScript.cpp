@@ -7,7 +7,7 @@
 #include <iterator>
 
 #include "kelHints.h"
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 
 namespace Zt::KelApp {
 

@@ -1,7 +1,7 @@
 // The `kel` command: compiles a KEL script against a parameter list through the tool
 // "KEL" that the plug-in package registered, and renders it over image files. This file holds
 // the command line only: what each option means and how it reaches the Invocation that
-// kelCommands.cpp and kelRender.cpp carry out.
+// kelCommands.cpp and kelRender.cpp carry out (imageio/ reads and writes the image files).
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <map>
@@ -22,7 +22,8 @@ void addScriptOption(CLI::App& command, Invocation& in) {
 }
 
 void addParameterOptions(CLI::App& command, Invocation& in, bool render) {
-    const std::string image = render ? "an image input; FILE is required here (any format OpenImageIO reads)"
+    const std::string image = render ? "an image input; FILE is required here (any format OpenImageIO reads), "
+                                       "optionally followed by :layer=NAME, :subimage=N and :colorspace=NAME"
                                      : "an image input; FILE is not needed here";
     const std::string number = render ? "a float input; without VALUE, render takes the script's declared default, else 0 with a warning"
                                        : "a float input; VALUE is not needed here";
@@ -32,7 +33,7 @@ void addParameterOptions(CLI::App& command, Invocation& in, bool render) {
         std::string description;
     } parameters[] = {{"-i", "NAME[=FILE]", image},
                       {"-f", "NAME[=VALUE]", number},
-                      {"-c", "NAME[=R,G,B,A]", "a colour input (accepted; the engine gives it no value)"}};
+                      {"-c", "NAME[=R,G,B,A]", "a colour input (accepted; the engine gives it no value, so a script may declare it but not use it)"}};
     for (const auto& p : parameters)
         command.add_option(p.name, [](const CLI::results_t&) { return true; })
             ->type_size(1)->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
@@ -99,7 +100,7 @@ int main(int argc, char** argv) {
     addParameterOptions(*render, in, true);
     const char* const options = "Render options";
     render->add_option("-o", in.outputPath,
-                       "the output file; the format follows the extension (.exr: 32-bit float RGBA)")
+                       "the output file; the format follows the extension (see the output file options)")
         ->type_name("FILE")->required()->group(options);
     render->add_option("--size", size,
                        "the output's full-resolution size in pixels; required when there is no image input; with "
@@ -134,6 +135,26 @@ int main(int argc, char** argv) {
         ->group(options);
     render->add_flag("--dump", in.dump, "with --json: include every output pixel, rows from the bottom up, as [r, g, b, a]")
         ->group(options);
+    // Output files (docs/files.md).
+    std::string depth, channels, compression, outColorspace;
+    bool noMetadata = false;
+    const char* const files = "Output file options";
+    render->add_option("-d", depth,
+                       "the output's sample depth: half, float, uint8, uint16 or uint10, what its format stores; "
+                       "default: the first image input's where the format has it, else the format's own (EXR float)")
+        ->type_name("DEPTH")->group(files);
+    render->add_option("--compression", compression,
+                       "the output's compression (zip, piz, dwaa:45, none...); default: the first image input's when "
+                       "the formats match, else the format's own (EXR zip)")
+        ->type_name("NAME")->group(files);
+    render->add_option("--channels", channels, "RGB or RGBA; default: the first image input's (RGBA without one)")
+        ->type_name("RGB|RGBA")->group(files);
+    render->add_option("--out-colorspace", outColorspace,
+                       "the output's colour space; default: sRGB for integer depths, else linear (the working space)")
+        ->type_name("NAME")->group(files);
+    render->add_flag("--no-metadata", noMetadata, "don't carry the first image input's metadata to the output")
+        ->group(files);
+
     render->footer(std::string(kParametersFooter) +
                    "\n\nNothing is written to the output unless the render succeeds; a failed or cancelled render\n"
                    "leaves an earlier file untouched, and rendering over an input is refused. On a terminal a\n"
@@ -263,6 +284,17 @@ int main(int argc, char** argv) {
             if (!tile.empty()) in.tile = parseSize("--tile", tile);
             if (!timeout.empty()) in.timeout = parseSeconds("--timeout", timeout);
             if (in.dump && !in.json) throw UsageError("--dump needs --json");
+            if (!depth.empty() && !(in.write.depth = parseDepth(depth)))
+                throw UsageError("invalid value '" + depth + "' for -d: expected half, float, uint8, uint16 or uint10");
+            if (!channels.empty()) {
+                if (channels != "RGB" && channels != "RGBA" && channels != "rgb" && channels != "rgba")
+                    throw UsageError("invalid value '" + channels + "' for --channels: expected RGB or RGBA");
+                in.write.channels = int(channels.size());
+            }
+            if (render->count("--compression") > 0) in.write.compression = compression;
+            in.write.colorspace = outColorspace;
+            in.write.metadata = !noMetadata;
+            for (int i = 0; i < argc; ++i) in.write.history += (i ? " " : "") + std::string(i ? argv[i] : "kel");
         }
         return runCommand(in);
     } catch (const UsageError& e) {

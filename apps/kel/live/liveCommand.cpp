@@ -11,7 +11,7 @@
 #include <memory>
 #include <thread>
 
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 #include "kelScript.h"
 #include "liveServer.h"
 

@@ -3,7 +3,7 @@
 #include <map>
 #include <mutex>
 
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 
 namespace Zt::KelApp {
 
@@ -49,15 +49,20 @@ private:
     mutable std::map<int, PxNodePtr<PxMemoryImage>> _levels;
 };
 
+ImageSource sourceAt(const ImageSource& sequence, int frame) {
+    return {expandFramePath(sequence.path, frame), sequence.options};
+}
+
 }  // namespace
 
 LiveInputs::LiveInputs(const Invocation& in) {
     for (const ParameterOption& p : in.parameters) {
         if (p.type != PebInterpreterTypes::Image) continue;
         if (!p.value) throw UsageError("live needs a file for the image input: -i " + p.name + "=FILE");
-        Input input{p.name, *p.value, !in.frames.empty() && hasFramePattern(*p.value), 0, nullptr};
+        const ImageSource source = parseImageSource(*p.value, "-i " + p.name);
+        Input input{p.name, *p.value, source, !in.frames.empty() && hasFramePattern(source.path), 0, nullptr};
         if (input.sequence)
-            for (int f : in.frames) checkReadable(expandFramePath(input.path, f));
+            for (int f : in.frames) checkReadable(sourceAt(input.source, f));
         const int first = in.frames.empty() ? 0 : in.frames.front();
         input.frame = first - 1;  // nothing read yet
         const PxNodePtr<const PxImageProtocol>& read = image(input, first);
@@ -75,10 +80,10 @@ const PxNodePtr<const PxImageProtocol>& LiveInputs::image(Input& input, int fram
     if (input.image && (!input.sequence || input.frame == frame)) return input.image;
     if (input.sequence) {
         // A frame of a sequence holds at its own time only, as in `kel render`.
-        input.image = new ReducedPictures(readImage(expandFramePath(input.path, frame), PxValidityInterval(frame, 2, frame, 2)));
+        input.image = new ReducedPictures(readImage(sourceAt(input.source, frame), PxValidityInterval(frame, 2, frame, 2)).image);
         input.frame = frame;
     } else {
-        input.image = new ReducedPictures(readImage(input.path, PxValidityInterval::getFull()));
+        input.image = new ReducedPictures(readImage(input.source, PxValidityInterval::getFull()).image);
     }
     return input.image;
 }

@@ -10,6 +10,7 @@
 
 #include "PxImage.h"
 #include "kelCommands.h"
+#include "kelImageIO.h"
 
 namespace Zt::KelApp {
 
@@ -34,7 +35,8 @@ public:
 private:
     struct Input {
         std::string name;
-        std::string path;
+        std::string path;    // as given, read options included
+        ImageSource source;  // the path and its read options
         bool sequence = false;
         int frame = 0;  // of `image`, for a sequence
         PxNodePtr<const PxImageProtocol> image;

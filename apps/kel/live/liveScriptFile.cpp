@@ -9,7 +9,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 
 namespace Zt::KelApp {
 

@@ -13,7 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "PiPluginLoader.h"
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 #include "kelScript.h"
 
 namespace Zt::KelApp {

@@ -8,7 +8,7 @@
 
 #include "kelCancellation.h"
 #include "kelFrame.h"
-#include "kelImageFiles.h"
+#include "kelImageIO.h"
 #include "kelPlugins.h"
 #include "kelRender.h"
 #include "kelScript.h"
