@@ -77,24 +77,30 @@ def write(d, name, data):
 def tools_and_version(d):
     code, out, _ = run("tools")
     check(code == 0 and "KEL\tKel Expressions\tKEL language scripting tool for creating effects." in out.splitlines(), out)
-    version = run("version")
-    check(version == (0, "Varnic Sorell Library\nlibZtkelZttool\n2013\n8.0\n\n8\n0\n42\n2600\nJun 12 2012\n"
-                         "opt.x86_64.intel\n", ""), version)
+    # kel's own version, then the package's build record, its eleven fields in order, labelled.
+    code, out, err = run("version")
+    lines = out.splitlines()
+    check((code, err) == (0, "") and re.match(r"^kel: \d+\.\d+", lines[0]), out)
+    check([line.split(": ", 1)[1] if ": " in line else "" for line in lines[1:]] ==
+          ["libZtkelZttool", "Varnic Sorell Library", "2013", "8.0", "", "8", "0", "42", "2600", "Jun 12 2012",
+           "opt.x86_64.intel"], out)
 
 
 def check_messages(d):
     check(json.loads(run("check", "-e", "out = x;", "--json")[1]) == {"ok": True, "errors": []})
     code, _, err = run("check", "-e", "float a = 1;\nout = ;")
-    check(code == 1 and err.splitlines()[0].startswith("<script>:2: ") and err.splitlines()[1] == "out = ;", err)
+    check(code == 1 and re.match(r"<script>:2:(\d+:)? error: ", err) and err.splitlines()[1] == "out = ;", err)
     script = write(d, "bad.kel", "float a = 1;\nout = a +;\n")
     code, out, err = run("check", script, "--json")
     report = json.loads(out)
     check(code == 1 and not report["ok"] and report["errors"][0]["line"] == 2 and err == "", out, err)
     code, out, err = run("render", script, "--size", "1x1", "-o", os.path.join(d, "o.exr"))
-    check((code, out) == (1, "") and err.splitlines()[0] == script + ":2: " + report["errors"][0]["message"], err)
+    message = re.sub(r" at line \d+$", "", report["errors"][0]["message"])
+    check((code, out) == (1, "") and re.fullmatch(re.escape(script) + r":2:(\d+:)? error: " + re.escape(message),
+                                                   err.splitlines()[0]), err)
     check(err.splitlines()[1] == "out = a +;" and not os.path.exists(os.path.join(d, "o.exr")), err)
     warning = "void f(output color out) { out = color(0.5, 0, 0, 1); }"
-    check(run("check", "-e", warning) == (0, "", "<script>: Function main is not found\n"))
+    check(run("check", "-e", warning) == (0, "", "<script>: warning: Function main is not found\n"))
     code, out, err = run("render", "-e", warning, "--size", "1x1", "--json", "-o", os.path.join(d, "w.exr"))
     check((code, err) == (0, "") and json.loads(out)["errors"] == [{"line": 0, "message": "Function main is not found"}])
     check(os.path.exists(os.path.join(d, "w.exr")))
@@ -217,7 +223,7 @@ def sequence_all_or_nothing(d):
                            (["out = s;", "-i", "s=in.#.png", "--frames", "1-2"], "in.2.png"),
                            (["float i = 0; while (t > 2) i += 1; out = i;", "--timeout", "0.5", "--size", "2x2",
                              "--frames", "1-3"], "cancelled")):
-        refused(run("render", "-e", *args, "-o", "out.#.exr", cwd=d), 3 if mentions == "cancelled" else 2, mentions=mentions)
+        refused(run("render", "-e", *args, "-o", "out.#.exr", "--quiet", cwd=d), 3 if mentions == "cancelled" else 2, mentions=mentions)
         check({n: read(os.path.join(d, n)) for n in os.listdir(d)} == before, args)
     write(d, "in.2.exr", read(one))
     check(run("render", "-e", "out = s;", "-i", "s=in.#.exr", "--frames", "1-3", "-o", "out.#.exr", cwd=d)[0] == 0)
@@ -273,7 +279,8 @@ def help_against_the_guide(d):
     params = rows("Parameters: the node's parameter list")
     render = rows("Render options")
     statuses = [c for c, _ in rows("Errors and exit status")]
-    check(len(synopses) == 5 and len(params) >= 4 and len(render) >= 10 and statuses == ["0", "1", "2", "3"], "cli.md changed shape")
+    check(len(synopses) >= 5 and len(params) >= 4 and len(render) >= 10 and statuses[:4] == ["0", "1", "2", "3"],
+          "cli.md changed shape")
     code, main_help, _ = run("--help")
     check(code == 0, "kel --help")
     for status in statuses:
@@ -395,7 +402,7 @@ def nan_everywhere(d):
 def scripts_at_the_limits(d):
     # A flat sum of a megabyte is past the tree's height limit: refused, not a stack overflow.
     script = write(d, "sum.kel", "out = 1" + " + 1" * 250000 + ";\n")
-    check(run("render", script, "--size", "4x4", "-o", os.path.join(d, "o.exr")) == (1, "", script + ": Error: Script too long\n"))
+    check(run("render", script, "--size", "4x4", "-o", os.path.join(d, "o.exr")) == (1, "", script + ": error: Error: Script too long\n"))
     big = "float v = 1;\n" + ("// " + "c" * 1000 + "\n") * 1100 + "v = v + 1;\n" * 900 + "out = v;\n"
     check(dump(write(d, "big.kel", big), "--size", "4x4", cwd=d)["pixels"][0][0] == [901, 901, 901, 901])
     # The deepest nesting the parser's 1000-entry stack takes, and one more (an else if costs two).
@@ -405,7 +412,7 @@ def scripts_at_the_limits(d):
                            + "{ v -= 1; }\nout = v;"),
                "calls": (994, lambda n: "out = " + "abs(" * n + "x" + ")" * n + ";")}
     for case, (low, make) in deepest.items():
-        check(run("check", "-e", make(low + 1)) == (1, "", "<script>: Error: Script too long\n"), case)
+        check(run("check", "-e", make(low + 1)) == (1, "", "<script>: error: Error: Script too long\n"), case)
         if case in ("blocks", "calls"):
             continue
         script = write(d, case + ".kel", make(low))

@@ -7,6 +7,7 @@ Usage: live_page_test.py KEL_BINARY"""
 import http.client
 import json
 import os
+import re
 import struct
 import subprocess
 import sys
@@ -149,13 +150,16 @@ class LivePage(unittest.TestCase):
                              ("rendered", reference["width"], reference["height"]))
             self.assertEqual(list(pixels), [float32(v) for row in reference["pixels"] for pixel in row for v in pixel])
 
-        # Rendering to a file is `kel render` itself: the same bytes.
+        # Rendering to a file is `kel render` itself: the same pixels, and a history that names it.
         code, body = self.post("/api/render-file", {"script": script, "values": {"gain": 0.7}, "path": "graded.png"})
         self.assertEqual((code, json.loads(body)["ok"]), (200, True))
         made = kel("render", "-e", script, "-i", "src=plate.exr", "-f", "gain=0.7", "-o", "reference.png", cwd=self.dir)
         self.assertEqual(made.returncode, 0, made.stderr)
-        with open(os.path.join(self.dir, "graded.png"), "rb") as a, open(os.path.join(self.dir, "reference.png"), "rb") as b:
-            self.assertEqual(a.read(), b.read())
+        graded, reference = (self.dump("out = g;", 0, "-i", "g=" + name) for name in ("graded.png", "reference.png"))
+        self.assertEqual(graded["pixels"], reference["pixels"])
+        with open(os.path.join(self.dir, "graded.png"), "rb") as f:
+            history = re.search(rb"kel render \S*grade\.kel -i src=plate\.exr -f gain=0\.(7|69999)\d* -o \S*graded\.png", f.read())
+        self.assertTrue(history, "the file's history does not name the render")
 
     def test_save_writes_the_script_in_place(self):
         path = os.path.join(self.dir, "grade.kel")

@@ -146,6 +146,25 @@ PxRenderedImage LiveSession::renderInput(const PxImageProtocol& input, double ti
     return _renderer.render(input, rect, context);
 }
 
+namespace {
+
+// The file's history records the render as the `kel render` command that makes the same file,
+// so that a picture saved from the page can be made again on a farm.
+std::string renderCommandLine(const Invocation& in) {
+    std::ostringstream line;
+    line << "kel render " << in.scriptPath;
+    for (const ParameterOption& p : in.parameters) {
+        const char* flag = p.type == PebInterpreterTypes::Image ? " -i " : p.type == PebInterpreterTypes::Float ? " -f " : " -c ";
+        line << flag << p.name << (p.value ? "=" + *p.value : "");
+    }
+    line << " -o " << in.outputPath;
+    if (in.time != 0.0) line << " --time " << in.time;
+    if (in.seed != 0) line << " --seed " << in.seed;
+    return line.str();
+}
+
+}  // namespace
+
 int LiveSession::renderToFile(const PageState& state, const std::string& path) {
     Invocation in = _in;
     in.command = "render";
@@ -156,6 +175,7 @@ int LiveSession::renderToFile(const PageState& state, const std::string& path) {
     in.frames.clear();
     in.time = frame ? double(*frame) : state.time;
     in.json = in.dump = false;
+    in.write.history = renderCommandLine(in);
     // runRender gives the controller its own parameter list; the next preview compiles again.
     _controller->reset();
     _compiled.reset();
