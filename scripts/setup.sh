@@ -7,7 +7,8 @@ build=${1:-"$here/build"}; shift || true
 
 packages=(g++ cmake make flex bison libopenimageio-dev openimageio-tools libtbb-dev
           libcli11-dev libgtest-dev googletest libbenchmark-dev python3
-          clang libclang-rt-14-dev)  # clang and libFuzzer: the fuzz stage of scripts/test.sh
+          clang libclang-rt-14-dev  # clang and libFuzzer: the fuzz stage of scripts/test.sh
+          slurm-wlm munge)          # a one-node cluster for the render-farm test (tests/farm)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
