@@ -15,6 +15,7 @@
 #include "kelPlugins.h"
 #include "kelRender.h"
 #include "kelScript.h"
+#include "farm/kelSubmit.h"
 
 namespace Zt::KelApp {
 
@@ -95,11 +96,13 @@ int runCommand(const Invocation& in) {
     try {
         if (in.command == "tools") return runTools();
         if (in.command == "version") return runVersion();
+        if (in.command == "submit status") return runSubmitStatus(in);
         const Script script = readScript(in);
         std::unique_ptr<PiNodeController> holder;
         PebController& controller = createController(holder);
         if (in.command == "check") return runCheck(controller, in, script);
         if (in.command == "print") return runPrint(controller, in, script);
+        if (in.command == "submit slurm") return runSubmitSlurm(controller, in, script);
         return runRender(controller, in, script);
     } catch (const FileError& e) {
         std::cerr << "kel: " << e.what() << "\n";

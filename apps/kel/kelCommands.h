@@ -16,6 +16,15 @@ constexpr int kExitOk = 0;
 constexpr int kExitRefused = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitCancelled = 3;
+constexpr int kExitFramesFailed = 4;  // some frames of a sequence were not written; the others were
+
+// `kel submit`: the render's own arguments, which every farm task repeats, and the farm's settings.
+struct FarmOptions {
+    std::vector<std::string> renderArguments;  // as given, without --frames (each task has its own)
+    int chunk = 0;
+    std::string partition;
+    std::string job;  // submit status
+};
 
 struct Invocation {
     std::string command;
@@ -35,6 +44,7 @@ struct Invocation {
     std::optional<double> timeout;
     bool json = false;
     bool dump = false;
+    FarmOptions farm;
 };
 
 // Runs the command; returns the exit status. Throws UsageError for a usage error.

@@ -3,6 +3,7 @@
 // the command line; kelCommands.cpp the commands (kelOptions.cpp the option values,
 // kelImageFiles.cpp the image files, kelJson.cpp the JSON report).
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <map>
 #include <iostream>
 
@@ -124,6 +125,37 @@ int main(int argc, char** argv) {
                   "clause has no printed form (exit status 1, nothing on standard output).\n\n"
                   "Exit status 0 printed, 1 refused or not printable, 2 for a usage error or an unreadable script.");
 
+    // kel submit: the render's command line on a farm, a chunk of frames per task.
+    std::string chunk;
+    CLI::App* submit = app.add_subcommand("submit", "kel submit (slurm | status) ...\n"
+                                                    "Render a sequence on a Slurm cluster, and follow it.");
+    submit->require_subcommand(1);
+    CLI::App* submitSlurm = submit->add_subcommand(
+        "slurm", "kel submit slurm (SCRIPT | -e TEXT) [PARAMETERS] -o OUT.####.exr --frames A-B --chunk N "
+                 "[--partition P] [RENDER OPTIONS]\n"
+                 "Submit the sequence as one Slurm job array, a task per chunk of N frames, and print the job id.");
+    submitSlurm->allow_extras();
+    submitSlurm->add_option("--frames", frames, "the frames of the sequence")->type_name("A-B")->required();
+    submitSlurm->add_option("--chunk", chunk, "frames per task")->type_name("N")->required();
+    submitSlurm->add_option("--partition", in.farm.partition, "the Slurm partition; default: the cluster's")
+        ->type_name("P");
+    submitSlurm->footer(
+        "Every other argument is kel render's, and is checked as kel render checks it: each task runs\n"
+        "kel render with them, --frames a-b (its chunk), --each-frame and --skip-existing, in this\n"
+        "directory, so paths must be reachable from the cluster's nodes. --threads N asks Slurm for N\n"
+        "CPUs a task; without it a task uses the CPUs Slurm gives it. Chunks whose frames all exist\n"
+        "are not submitted, so the same command again submits only what is missing. Other sbatch\n"
+        "settings come from its environment variables (SBATCH_ACCOUNT, SBATCH_TIMELIMIT, SBATCH_OUTPUT...).\n\n"
+        "Exit status: 0 submitted (or nothing missing), 1 script refused, 2 usage or file error, or\n"
+        "sbatch refused the job.");
+    CLI::App* submitStatus = submit->add_subcommand(
+        "status", "kel submit status JOB\n"
+                  "Report the frames of a job of kel submit slurm: done (written), failed (missing, and its task\n"
+                  "has ended), pending (its task is queued or running); then a line for each chunk with frames\n"
+                  "failed or pending: the frames and the state of its task.");
+    submitStatus->add_option("JOB", in.farm.job, "the job id that kel submit slurm printed")->required();
+    submitStatus->footer("Exit status: 0 no frame failed, 4 some frames failed, 2 a job that Slurm does not know.");
+
     app.add_subcommand("tools", "kel tools\nList the tools that the loaded packages registered: name, display name and "
                                 "description, one tool a line, tab-separated.");
     app.add_subcommand("version", "kel version\nPrint the build record of the KEL plug-in, one field a line.");
@@ -151,6 +183,23 @@ int main(int argc, char** argv) {
     try {
         CLI::App* command = app.get_subcommands().front();
         in.command = command->get_name();
+        if (command == submit) {
+            in.command += " " + submit->get_subcommands().front()->get_name();
+            if (submitSlurm->parsed()) {
+                in.farm.chunk = parseInteger("--chunk", chunk, 1, 1000000000);
+                in.farm.renderArguments = submitSlurm->remaining();
+                // The farm's tasks run kel render with these arguments: checked here by its own
+                // parser, so that a mistake stops the submission rather than every task.
+                std::vector<std::string> renderLine{"render"};
+                renderLine.insert(renderLine.end(), in.farm.renderArguments.begin(), in.farm.renderArguments.end());
+                renderLine.insert(renderLine.end(), {"--frames", frames});
+                std::reverse(renderLine.begin(), renderLine.end());
+                const std::string farmCommand = in.command;
+                app.parse(renderLine);
+                command = render;
+                in.command = farmCommand;
+            }
+        }
         if (command == render || command == check || command == print) {
             collectParameters(*command, in);
             in.hasScriptText = command->count("-e") > 0;
@@ -174,6 +223,9 @@ int main(int argc, char** argv) {
         }
         return runCommand(in);
     } catch (const UsageError& e) {
+        std::cerr << "kel: " << e.what() << "\n";
+        return kExitUsage;
+    } catch (const CLI::ParseError& e) {  // the render arguments of kel submit slurm
         std::cerr << "kel: " << e.what() << "\n";
         return kExitUsage;
     }
