@@ -1,0 +1,83 @@
+#!/usr/bin/env python3
+"""`kel render` as a farm task: --each-frame writes the frames it can and names each one that
+failed (exit status 4), --skip-existing leaves written frames alone, and a frame's pixels do not
+depend on the thread count or the tile size. Usage: kel_farm_render_test.py KEL_BINARY."""
+import filecmp
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+KEL = None
+SCRIPT = "out = color(x / 16 + t * 0.1, y / 12, sin(x * y + t), 1) * src;"
+
+
+class FarmTask(unittest.TestCase):
+    def setUp(self):
+        self.tmp = tempfile.TemporaryDirectory()
+        self.dir = self.tmp.name
+
+    def tearDown(self):
+        self.tmp.cleanup()
+
+    def path(self, name):
+        return os.path.join(self.dir, name)
+
+    def kel(self, *args):
+        return subprocess.run([KEL, *args], cwd=self.dir, capture_output=True, text=True, timeout=120)
+
+    def render(self, output, *options):
+        return self.kel("render", "-e", SCRIPT, "-i", "src=in.####.exr", "-o", output, "--frames", "1-5", *options)
+
+    def make_inputs(self, frames):
+        for frame in frames:
+            made = self.kel("render", "-e", "out = color(1, 0.5, 0.25, 1);", "--size", "16x12",
+                            "-o", "in.%04d.exr" % frame)
+            self.assertEqual(made.returncode, 0, made.stderr)
+
+    def test_failed_frames_are_named_and_the_others_written(self):
+        self.make_inputs([1, 2, 4, 5])  # no input for frame 3
+        # Frame 4's output exists: skipped, even though rendering it would have worked.
+        with open(self.path("out.0004.exr"), "wb") as f:
+            f.write(b"kept")
+        rows = [  # options, exit status, frames written, frame named as failed
+            ((), 2, [], None),
+            (("--each-frame",), 4, [1, 2, 4, 5], 3),
+            (("--each-frame", "--skip-existing"), 4, [1, 2, 5], 3),
+            (("--skip-existing",), 2, [], None),
+        ]
+        for options, status, written, failed in rows:
+            with self.subTest(options=options):
+                for frame in (1, 2, 3, 5):
+                    if os.path.exists(self.path("out.%04d.exr" % frame)):
+                        os.remove(self.path("out.%04d.exr" % frame))
+                before = os.stat(self.path("out.0004.exr"))
+                run = self.render("out.####.exr", *options)
+                self.assertEqual(run.returncode, status, run.stderr)
+                for frame in (1, 2, 3, 5):
+                    self.assertEqual(os.path.exists(self.path("out.%04d.exr" % frame)), frame in written, frame)
+                rewritten = os.stat(self.path("out.0004.exr")).st_ino != before.st_ino
+                self.assertEqual(rewritten, 4 in written, "frame 4")
+                if failed:
+                    lines = [l for l in run.stderr.splitlines() if "frame %d " % failed in l and "in.0003.exr" in l]
+                    self.assertEqual(len(lines), 1, run.stderr)
+                with open(self.path("out.0004.exr"), "wb") as f:
+                    f.write(b"kept")
+                self.assertFalse([n for n in os.listdir(self.dir) if n.startswith(".")], "temporaries left")
+
+    def test_pixels_do_not_depend_on_threads_or_tiles(self):
+        self.make_inputs(range(1, 6))
+        settings = [("--threads", "1"), ("--threads", "2", "--tile", "5x3"), ("--tile", "16x1", "--each-frame")]
+        for i, options in enumerate(settings):
+            run = self.render("r%d.####.exr" % i, *options)
+            self.assertEqual(run.returncode, 0, run.stderr)
+        for i in range(1, len(settings)):
+            for frame in range(1, 6):
+                self.assertTrue(filecmp.cmp(self.path("r0.%04d.exr" % frame), self.path("r%d.%04d.exr" % (i, frame)),
+                                            shallow=False), (settings[i], frame))
+
+
+if __name__ == "__main__":
+    KEL = sys.argv.pop(1)
+    unittest.main()
