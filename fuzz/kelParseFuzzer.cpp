@@ -1,4 +1,4 @@
-// Fuzz target: `parse` (Part 1.1) on arbitrary bytes. Any outcome is fine except a crash, a
+// Fuzz target: `parse` on arbitrary bytes. Any outcome is fine except a crash, a
 // hang, a sanitizer report, or an exception other than the framework's cast failure (which
 // the grammar cannot produce). A successful parse is also printed, to cover `print`.
 #include <sstream>
@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         try {
             static_cast<KelRunInfo&>(*runInfo).function->print(out);
         } catch (const ExNullPtr&) {
-            // Part 4.1: printing a `for` without its first or third clause throws, by design.
+            // Printing a `for` without its first or third clause throws, by design.
         }
     }
     return 0;

@@ -1,6 +1,6 @@
-// CoRgbaColorTyped<float>: four floats red, green, blue, alpha, also channels 0..3 (Part 2.1).
+// CoRgbaColorTyped<float>: four floats red, green, blue, alpha, also channels 0..3.
 // The arithmetic below is what the mixed scanline forms use: a float combines with every
-// channel, alpha included (our settled choice for Part 2.4's open point).
+// channel, alpha included, so that `c * 0.5` halves the alpha too.
 #pragma once
 
 namespace Zt {
@@ -10,7 +10,7 @@ struct CoRgbaColorTyped {
     T r{}, g{}, b{}, a{};
     constexpr CoRgbaColorTyped() = default;
     constexpr CoRgbaColorTyped(T red, T green, T blue, T alpha) : r(red), g(green), b(blue), a(alpha) {}
-    // A float stored into a colour sets all four channels (the <C,float> forms of Part 2.4).
+    // A float stored into a colour sets all four channels (the <C,float> scanline forms).
     explicit constexpr CoRgbaColorTyped(T all) : r(all), g(all), b(all), a(all) {}
     T& operator[](int channel) { return (&r)[channel]; }
     const T& operator[](int channel) const { return (&r)[channel]; }
@@ -32,7 +32,7 @@ ZT_COLOR_OP(*)
 ZT_COLOR_OP(/)
 #undef ZT_COLOR_OP
 
-// Colour equality needs all four channels equal (settled choice, Part 2.4).
+// Colour equality needs all four channels equal, alpha included.
 inline bool operator==(const Color& p, const Color& q) { return p.r == q.r && p.g == q.g && p.b == q.b && p.a == q.a; }
 inline bool operator!=(const Color& p, const Color& q) { return !(p == q); }
 inline Color operator-(const Color& p) { return {-p.r, -p.g, -p.b, -p.a}; }

@@ -1,4 +1,4 @@
-// The build records of the loaded libraries (Part 6.1 step 1): each package registers one
+// The build records of the loaded libraries: each package registers one
 // InBuildInfo when it initialises, and `kel version` prints them.
 #pragma once
 
@@ -8,7 +8,8 @@
 
 namespace Zt {
 
-// The virtual operations in the order of their slots, after the destructor (Part 6.1's table).
+// The virtual operations in the order of their slots, after the destructor: a plug-in built
+// against this header calls them by slot, so the order is part of the interface.
 class InBuildInfo {
 public:
     virtual ~InBuildInfo() = default;

@@ -1,4 +1,4 @@
-// The host's own packages, which a tool package lists as its dependencies (Part 6.1 step 3):
+// The host's own packages, which a tool package lists as its dependencies:
 // their tag types, and records of the generic InInit that order them. They have nothing to do at
 // initialisation in this host; they exist so that the dependency order is the real one.
 #pragma once

@@ -1,4 +1,4 @@
-// The host's package framework (Part 6.1): every library announces itself by a static package
+// The host's package framework: every library announces itself by a static package
 // record, an InPackageInit, built while the library loads. The record names the package, the
 // packages that it depends on (by their types, InInit<Tag>::getType), and what to do at
 // initialisation and shut-down. InPackageManager keeps the records of all loaded libraries and
@@ -24,7 +24,7 @@ public:
     // Unregisters the record: the library is being unloaded.
     ~InPackageInit() override;
 
-    // The virtual operations in the order of their slots (Part 6.1).
+    // The virtual operations in the order of their slots, which plug-ins call by slot.
     virtual const std::string& getName() const;
     virtual void addDependency(InVariableBase* dependency);
     virtual void removeDependency(InVariableBase* dependency);

@@ -1,6 +1,6 @@
 // IxScanline<T>: one row of T over a half-open column interval, contiguous, indexed by the
-// absolute column through a biased pointer (Part 2.1). The element at the interval's minimum is
-// aligned to 64 bytes (the spec requires 16 for `narrow`), and the storage is padded to a whole
+// absolute column through a biased pointer. The element at the interval's minimum is aligned to
+// 64 bytes (a cache line; the mask's `narrow` needs 16), and the storage is padded to a whole
 // number of 16-byte groups so that four-wide loads of the last group stay inside it.
 #pragma once
 
@@ -17,15 +17,17 @@ namespace Zt {
 class IxReadGuard;
 class IxWriteGuard;
 
-// `mode` and `padValue` are recorded; nothing reads outside a scanline (Part 2.1), so no mode
-// changes the storage. Mode 4 is "pad with padValue", mode 0 "pad with the image's fill colour".
+// `mode` and `padValue` are recorded; nothing reads outside a scanline, so no mode changes the
+// storage. The two modes in use are named.
 template <class T>
 struct IxPaddingPolicy {
-    int mode = 0;
+    static constexpr int kPadWithFillColor = 0;  // an image's row: outside reads its fill colour
+    static constexpr int kPadWithValue = 4;      // outside reads `padValue`
+    int mode = kPadWithFillColor;
     T padValue{};
 };
 
-// Counted, so that an image entry can share an input's current row (Part 2.2, KelImageEntry).
+// Counted, so that an image entry can share an input's current row (KelImageEntry).
 template <class T>
 class IxScanline : public RCBase<LkCounter<int>> {
 public:

@@ -1,9 +1,9 @@
-// IxScanlineUtil: the bulk operations over scanlines that the system's arithmetic rests on
-// (Parts 2.1 and 2.4). Every form is a callable of its own, in the spec's argument order, so
-// that the operator tables of Part 4.3 hold them as plain function pointers. Each is a plain
-// loop over raw contiguous rows; the destination may be the same object as a source.
+// IxScanlineUtil: the bulk operations over scanlines that the system's arithmetic rests on.
+// Every form is a callable of its own, destination first, so that the engine's operator tables
+// hold them as plain function pointers. Each is a plain loop over raw contiguous rows; the
+// destination may be the same object as a source.
 //
-// Settled choices for the points that Part 2.4 leaves to the host:
+// What every operation guarantees:
 // - comparisons and logic write 1.0 for true and 0.0 for false;
 // - `!` (notScanline) gives 1.0 for a 0.0 (or -0.0) entry and 0.0 otherwise;
 // - `&&` and `||` treat any non-zero entry (NaN included) as true;
@@ -39,7 +39,7 @@ class IxScanlineUtil {
 public:
     using Limit = const GeInterval<int>*;
 
-    // Part 2.1
+    // Fill and copy
     template <class T>
     static void set(IxScanline<T>& dest, const T& value, Limit limit = nullptr) {
         auto [lo, hi] = range(dest, limit);
@@ -63,7 +63,7 @@ KEL_IVDEP
         if (lo < hi) std::copy(src.data() + lo, src.data() + hi, dest.data() + lo);
     }
 
-    // Part 2.4, unary
+    // Unary
     template <class T>
     static void minusScanline(IxScanline<T>& dest, const IxScanline<T>& src, Limit limit = nullptr) {
         map1(dest, src, limit, [](const T& v) { return -v; });
@@ -72,7 +72,7 @@ KEL_IVDEP
         map1(dest, src, limit, [](float v) { return v == 0.0f ? 1.0f : 0.0f; });
     }
 
-    // Part 2.4, binary arithmetic: forms <float,float,float>, <C,C,C>, <C,C,float>, <C,float,C>
+    // Binary arithmetic: forms <float,float,float>, <C,C,C>, <C,C,float>, <C,float,C>
     template <class D, class A, class B>
     static void addScanlines(IxScanline<D>& dest, const IxScanline<A>& a, const IxScanline<B>& b, Limit limit = nullptr) {
         map2(dest, a, b, limit, [](const A& p, const B& q) { return p + q; });
@@ -90,7 +90,7 @@ KEL_IVDEP
         map2(dest, a, b, limit, [](const A& p, const B& q) { return p / q; });
     }
 
-    // Part 2.4, comparison and logic
+    // Comparison and logic
     template <class T>
     static void equalScanlines(IxScanline<float>& dest, const IxScanline<T>& a, const IxScanline<T>& b, Limit limit = nullptr) {
         map2(dest, a, b, limit, [](const T& p, const T& q) { return p == q ? 1.0f : 0.0f; });
@@ -118,7 +118,7 @@ KEL_IVDEP
         map2(dest, a, b, limit, [](float p, float q) { return (p != 0.0f || q != 0.0f) ? 1.0f : 0.0f; });
     }
 
-    // Part 2.4, masked stores: forms <float,float>, <C,C>, <C,float>
+    // Masked stores: forms <float,float>, <C,C>, <C,float>
     template <class D, class S>
     static void copyIf(IxScanline<D>& dest, const IxScanline<S>& src, const IxScanline<float>* condition, Limit limit = nullptr) {
         store(dest, src, condition, limit, [](D& d, const S& s) { d = D(s) ; });
@@ -140,7 +140,7 @@ KEL_IVDEP
         store(dest, src, condition, limit, [](D& d, const S& s) { d = d / s; });
     }
 
-    // Part 2.4, channels
+    // Channels
     static void extractChannel(IxScanline<float>& dest, int channel, const IxScanline<Color>& src,
                                IxScanlineUtilTypes::InvertType invert, Limit limit = nullptr) {
         auto [lo, hi] = range(dest, limit);

@@ -1,6 +1,7 @@
-// Rows of a tile to and from a colour scanline (Part 1.2 steps 22d and 22f). On read, the
-// columns of the scanline outside the tile (or a row outside it) get the tile's fill colour, as
-// pixels outside an input's rectangle do (host.md); on write, they are not written.
+// Rows of a tile to and from a colour scanline: an input's row before the script runs on it, the
+// output's row after. On read, the columns of the scanline outside the tile (or a row outside
+// it) get the tile's fill colour, as every pixel outside an input's rectangle does; on write,
+// they are not written.
 #include <algorithm>
 
 #include "PxImage.h"

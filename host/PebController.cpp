@@ -13,7 +13,7 @@ bool isIdentifier(const std::string& name) {
     return std::all_of(name.begin(), name.end(), [](char c) { return std::isalnum((unsigned char)c) || c == '_'; });
 }
 
-// The node through which the host evaluates the tool: every tile is one `eval` (Part 1.2).
+// The node through which the host evaluates the tool: every tile is one `eval` of the interpreter.
 class PebProcNode : public PxImageProtocol {
 public:
     PebProcNode(std::shared_ptr<const PebInterpreter> interpreter, RCShdPtr<PebRunInfo> runInfo,
@@ -137,7 +137,7 @@ Vector<PebParameterInfo> PebController::getParameters() const {
 }
 
 bool PebController::compile() {
-    // Part 1.1: the parser keeps static state; it runs on the application thread only.
+    // The parser keeps static state; it runs on the application thread only.
     if (!PiAppThread::isCurrent())
         Assertions::throwAssertionFailed("host/PebController", __LINE__, "PiAppThread::isCurrent()");
     const PebInterpreter& engine = interpreter();

@@ -1,4 +1,4 @@
-// The PebController role of Part 6.2 in this host: the node controller of an expression tool.
+// The node controller of an expression tool.
 // It keeps the node's parameter list (its dynamic inputs, in the order they were added, then
 // the output), the script, and the compilation; it compiles on the application thread when the
 // script changes, and makes the processing node through which the host calls `eval`. A tool
@@ -45,7 +45,7 @@ public:
     RCShdPtr<RCBase<LkCounter<int>>> createInstanceData(const RCShdPtr<PiWidget>& widget, const RCShdPtr<PiNode>& node,
                                                         const RCShdPtr<const PiTimePath>& timePath) const;
 
-    // The node's parameter list: the dynamic inputs in order, then the output (cli.md).
+    // The node's parameter list: the dynamic inputs in order, then the output.
     Vector<PebParameterInfo> getParameters() const;
     // createRunInfo and parse, on the application thread. The result of parse; its errors
     // (warnings when it succeeded) stay in getErrors.
@@ -67,7 +67,7 @@ public:
     // This host's addition, used by `kel print`; does nothing unless a tool overrides it.
     virtual void printProgram() const {}
 
-    // What the tool supplies, in this order (Part 6.2).
+    // What the tool supplies, in this order of slots.
     virtual PiUiFactory getUiFactory() const = 0;
     virtual OPtrRet<PebInterpreter> createInterpreter() const = 0;
 

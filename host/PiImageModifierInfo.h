@@ -1,5 +1,5 @@
 // PiImageModifierInfo<C>: the description object of an image-modifier tool whose node
-// controllers are of class C (Part 6.1). It holds the tool's constant strings, and fetches the
+// controllers are of class C. It holds the tool's constant strings, and fetches the
 // tool's description lazily, once, on the first question from the host, whichever it is.
 #pragma once
 
@@ -70,7 +70,7 @@ public:
     int getDescriptionFetches() const { return _descriptionFetches; }
 
 private:
-    // The lazy step of Part 6.1. No lock: the host asks on the application thread.
+    // Fetched once, at the first question. No lock: the host asks on the application thread.
     void fetchDescription() {
         if (!Policy::policies.isNull()) return;
         PiImageModifier::Descriptor descriptor(nullptr);

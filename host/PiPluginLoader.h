@@ -1,5 +1,5 @@
 // The host's plug-in loader: opens every package library (lib*.so) of the plug-in directories,
-// whose static package records announce themselves while they load (Part 6.1), and then
+// whose static package records announce themselves while they load, and then
 // initialises all packages in dependency order. Libraries stay loaded until the process ends:
 // the tool registry and the build records hold objects whose code lives in them.
 #pragma once

@@ -1,4 +1,4 @@
-// The plug-in interface of the host (Part 6.1, 6.2), kept to what the system and this host call:
+// The plug-in interface of the host, kept to what the system and this host call:
 // the tool protocols that a tool's description object implements, the descriptor that a tool
 // fills, the node-controller interfaces, and the registry of the tools that the loaded packages
 // registered (PiImageModifier::registerTool).
@@ -15,16 +15,16 @@ namespace Zt {
 template <class T>
 using OPtrRet = std::unique_ptr<T>;  // an owning pointer handed to the caller
 
-// The user-interface side of a node (Part 6.1): the host's widgets, nodes and time paths.
+// The user-interface side of a node: the host's widgets, nodes and time paths.
 class PiWidget : public RCBase<LkCounter<int>> {};
 class PiNode : public RCBase<LkCounter<int>> {};
 class PiTimePath : public RCBase<LkCounter<int>> {};
-// The type of KelTool::uiFactory (Part 6.1): makes a node's user-interface data.
+// The type of KelTool::uiFactory: makes a node's user-interface data.
 using PiUiFactory = RCShdPtr<RCBase<LkCounter<int>>> (*)(const RCShdPtr<PiWidget>&, const RCShdPtr<PiNode>&,
                                                          const RCShdPtr<const PiTimePath>&);
 
-// A list that is either null (never set) or a list, possibly empty (Part 6.1: a null policies
-// iterator means that the description has not been fetched yet).
+// A list that is either null (never set) or a list, possibly empty: null policies mean that
+// the description has not been fetched yet.
 template <class T>
 class Iterator {
 public:
@@ -98,7 +98,7 @@ class PxImageProtocol;
 // The image-modifier side of a controller, with the names and helpers that descriptions use.
 class PiImageModifier : public virtual PiNodeController {
 public:
-    // What a tool tells the host about its values, outputs, inputs and masking (Part 6.1).
+    // What a tool tells the host about its values, outputs, inputs and masking.
     class Descriptor {
     public:
         explicit Descriptor(PiToolDescriptor* tool) : _tool(tool) {}
@@ -157,7 +157,7 @@ public:
     virtual OPtrRet<PiNodeController> createController() = 0;
 };
 
-// The constant part of a tool's description: the constructor's arguments (Part 6.1).
+// The constant part of a tool's description: the constructor's arguments.
 class PiToolProtocolImp : public virtual PiToolProtocol {
 public:
     PiToolProtocolImp(std::string name, std::string displayName, std::string productName, std::string manufacturer,
@@ -179,7 +179,7 @@ private:
     int _visibility, _structure;
 };
 
-// The six answers of an image modifier, in their order (Part 6.1), and the check that follows them.
+// The six answers of an image modifier, in their order of slots, and the check that follows them.
 class PiImageModifierProtocol : public virtual PiToolProtocol {
 public:
     virtual bool canMute() = 0;

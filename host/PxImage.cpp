@@ -63,7 +63,7 @@ int roundOutward(double v, bool up) {
 }  // namespace
 
 GeRectangle<int> PxImageProtocol::nominalToPixelized(const GeRectangle<float>& nominal, float aspect, float scale) {
-    // host.md: nominal x = px / scale * aspect, y = py / scale; inverted rounding outward.
+    // Nominal x = px / scale * aspect, y = py / scale; inverted, rounded outward.
     const double sx = double(scale) / double(aspect), sy = double(scale);
     return {roundOutward(nominal.xMin * sx, false), roundOutward(nominal.xMax * sx, true),
             roundOutward(nominal.yMin * sy, false), roundOutward(nominal.yMax * sy, true)};

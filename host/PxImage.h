@@ -1,6 +1,8 @@
-// The image side of the host framework that Part 1.2 and Part 5.3 call: validity intervals,
-// regions of definition, contexts, formats, tiles and their guards, image nodes, results, the
-// request manager (cancellation point), and textures with their sampler. Conventions: host.md.
+// The image side of the host framework that the engine calls: validity intervals, regions of
+// definition, contexts, formats, tiles and their guards, image nodes, results, the request
+// manager (cancellation point), and textures with their sampler. Rows grow upwards: row 0 is
+// the bottom row of an image; nominal coordinates are full-resolution pixels times the pixel
+// aspect in x.
 #pragma once
 
 #include <memory>
@@ -14,7 +16,7 @@
 
 namespace Zt {
 
-// Part 1.2: the range of times over which a result holds.
+// The range of times over which a result holds.
 class PxValidityInterval {
 public:
     static constexpr double kMinTime = -31536000.0;
@@ -45,7 +47,7 @@ struct PxTimeScaleContext {
     int scaleLevel = 0;
 };
 
-// tileWidth and tileHeight are our host's: the fixed tile grid (host.md).
+// tileWidth and tileHeight are our host's: the fixed tile grid.
 struct PxImageContext : PxTimeScaleContext {
     int tileX = 0;
     int tileY = 0;
@@ -138,7 +140,7 @@ private:
 };
 
 // An image node of the processing graph. The three virtual operations in the order of their
-// slots: getFormat, getROD, getImage (Part 1.2).
+// slots: getFormat, getROD, getImage.
 class PxImageProtocol : public RCBase<LkCounter<int>> {
 public:
     virtual PxImageFormat getFormat() const = 0;
@@ -147,7 +149,7 @@ public:
 
     // Tile (i, j) covers pixels (i*W, (i+1)*W, j*H, (j+1)*H) for the context's tile size W x H.
     static GeRectangle<int> convertTilesToPixels(const GeRectangle<int>& tiles, const PxImageContext& context);
-    // Nominal to pixels: px = x * scale / aspect, py = y * scale; rounded outward (host.md),
+    // Nominal to pixels: px = x * scale / aspect, py = y * scale; rounded outward,
     // except that a bound within a relative 1e-6 of an integer is that integer.
     static GeRectangle<int> nominalToPixelized(const GeRectangle<float>& nominal, float aspect, float scale);
 };
@@ -155,8 +157,8 @@ public:
 template <class T>
 using PxNodePtr = RCShdPtr<T>;
 
-// Part 1.2 step 22a: the host's cancellation point (host.md). Throws ExCancelled once the
-// current render was cancelled.
+// The host's cancellation point, asked before every row and every pass of a loop. Throws
+// ExCancelled once the current render was cancelled.
 class PxRequestMgr {
 public:
     static PxRequestMgr& getInstance();
@@ -177,8 +179,8 @@ struct SdTextureParams {
     int wrapModeT = 0;
 };
 
-// Reads an image at any nominal position (Part 5.3): bilinear over pixel centres; outside the
-// image's rectangle it reads the fill colour (host.md). PxImageTexture.cpp tells the mapping
+// Reads an image at any nominal position: bilinear over pixel centres; outside the image's
+// rectangle it reads the fill colour. PxImageTexture.cpp tells the mapping
 // through the texture matrix, the modes and the lazy tile cache; a sampler serves one thread.
 class SdTextureSampler : public RCBase<LkCounter<int>> {
 public:
@@ -196,7 +198,8 @@ public:
             sampleAt(out[x], coords, none);
         }
     }
-    // Called for each ordered pair of distinct samplers of one tile (Part 1.2 step 17).
+    // Called for each ordered pair of distinct samplers of one tile; a sampler that can share
+    // its reads with another takes the link here (ours share nothing).
     virtual void linkSampler(const RCStrongPtr<const SdTextureSampler>& other) const {}
 };
 

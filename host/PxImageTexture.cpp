@@ -1,15 +1,14 @@
-// PxImageTexture and its sampler: reads an image node at any nominal position (Part 5.3
-// `sample(i, x, y)`, configured by Part 1.2 step 16c).
+// PxImageTexture and its sampler: reads an image node at any nominal position, for
+// `sample(i, x, y)`, through the texture matrix that the interpreter builds for each input.
 //
 // Mapping. A position goes through the texture matrix to the unit square (u, v), which spans the
-// node's nominal rectangle (w, h its width and height, 1 where 0, as in step 16c). The matrix
-// adds half a full-resolution square pixel, so that at scale 1 and aspect 1 the unit square is
-// the usual texture space, pixel i's centre at (i + 0.5) / W. We read it back as the texel
-// coordinate tx = (u - m20) / m00 * scale / aspect, ty = (v - m21) / m11 * scale, m being step
-// 16c's matrix for the node's rectangle (so tx = x * scale / aspect), in which pixel i of the
-// image at the context's scale is sampled exactly at i: a script that
-// samples at its own `x` and `y` reads the current pixel at every scale and aspect (host.md),
-// not only at scale 1 and aspect 1.
+// node's nominal rectangle (w, h its width and height, 1 where 0). The matrix adds half a
+// full-resolution square pixel, so that at scale 1 and aspect 1 the unit square is the usual
+// texture space, pixel i's centre at (i + 0.5) / W. We read it back as the texel coordinate
+// tx = (u - m20) / m00 * scale / aspect, ty = (v - m21) / m11 * scale, m being the interpreter's
+// matrix for the node's rectangle (so tx = x * scale / aspect), in which pixel i of the image at
+// the context's scale is sampled exactly at i: a script that samples at its own `x` and `y`
+// reads the current pixel at every scale and aspect, not only at scale 1 and aspect 1.
 //
 // Filtering (filterMode 1): bilinear between the four pixels around (tx, ty). A pixel outside
 // the image's pixel rectangle reads the fill colour, transparent black (wrap mode 0), so edges
@@ -54,7 +53,7 @@ public:
         if (_pixels.isEmpty()) _pixels = GeRectangle<int>();
 
         // Unit square to texel coordinates, composed with the texture matrix. The unit square
-        // is read back through the exact inverse of the float matrix that Part 1.2 step 16c
+        // is read back through the exact inverse of the float matrix that the interpreter
         // builds for this rectangle (the same float operations), not through w and h: 1 / w
         // is rounded in the matrix, and dividing by it again is exact in double where
         // multiplying by w is not. So with that matrix the composition is exactly
@@ -153,7 +152,7 @@ private:
         if (wrapMode == 1) return !std::isnan(t);
         return t > double(lo) - 1.0 && t < double(hi);
     }
-    // A pixel's own nominal x is px / scale * aspect in float (Part 1.2 step 21), so with an
+    // A pixel's own nominal x is px / scale * aspect in float (the interpreter's `x` row), so with an
     // aspect such as 4/3 it comes back a float rounding or two away from px; within two float
     // ulps of an integer the coordinate is that integer, and the sample is the pixel itself
     // rather than a blend with a weight of 1e-7. Finer than that a float position can't say.

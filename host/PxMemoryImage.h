@@ -1,9 +1,9 @@
 // PxMemoryImage: an image node of the processing graph that holds its pixels in memory (the
 // host's file inputs, tests, benchmarks). A still: full-resolution RGBA float pixels, bottom
-// row first (host.md), a pixel aspect of two integers, fill colour transparent black and, unless
+// row first (rows grow upwards), a pixel aspect of two integers, fill colour transparent black and, unless
 // told otherwise, the full validity interval.
 //
-// Geometry (host.md): the image covers pixels (0, W, 0, H) at full resolution and the nominal
+// Geometry: the image covers pixels (0, W, 0, H) at full resolution and the nominal
 // rectangle (0, W*a, 0, H). At scaleLevel L (scale s = 1/2^L) it covers
 // nominalToPixelized((0, W*a, 0, H), a, s) = (0, ceil(W*s), 0, ceil(H*s)).
 //

@@ -1,4 +1,4 @@
-// The host's render loop (the PebController role of Part 6.2, host.md): asks an image node for
+// The host's render loop: asks an image node for
 // every tile of a pixel rectangle, in parallel on a oneTBB arena, and assembles the tiles into one
 // image, narrowing the validity interval by every tile's. Cancellation is the request manager's:
 // PxRequestMgr::cancel() makes checkRequest throw ExCancelled in the workers, and render

@@ -1,5 +1,4 @@
-// The host framework's general services that the system calls (spec Overview, "Platform
-// interfaces"): the vector, the exception base, assertions, counted-pointer failures, string
+// The host framework's general services that the engine calls: the vector, the exception base, assertions, counted-pointer failures, string
 // conversions and the application thread.
 #pragma once
 
@@ -13,7 +12,7 @@ template <class T>
 using Vector = std::vector<T>;
 
 // The framework's exception base. `clone` copies the exception on the heap and `raise` throws
-// a copy of it; derived exceptions override both (Part 2.2, KelParseEx).
+// a copy of it; derived exceptions override both (KelParseEx does).
 class ExBase : public std::exception {
 public:
     ExBase(std::string file, int line, std::string reason);
@@ -36,7 +35,7 @@ class ExAssertionFailed : public ExBase { public: using ExBase::ExBase; ExBase* 
 class ExNullPtr : public ExBase { public: using ExBase::ExBase; ExBase* clone() const override; [[noreturn]] void raise() const override; };
 class ExCastFailed : public ExBase { public: using ExBase::ExBase; ExBase* clone() const override; [[noreturn]] void raise() const override; };
 class ExProgramAborted : public ExBase { public: using ExBase::ExBase; ExBase* clone() const override; [[noreturn]] void raise() const override; };
-// Thrown by PxRequestMgr::checkRequest when the render was cancelled (host.md).
+// Thrown by PxRequestMgr::checkRequest when the render was cancelled.
 class ExCancelled : public ExBase { public: using ExBase::ExBase; ExBase* clone() const override; [[noreturn]] void raise() const override; };
 
 struct Assertions {

@@ -1,6 +1,6 @@
 // Geometry of the host framework: GeInterval (half-open column interval), GeRectangle (x minimum,
 // x maximum, y minimum, y maximum; integer maxima exclusive) and the small matrices that the
-// sampler uses (Parts 1.2 step 16c and 5.3).
+// sampler uses (the texture matrix of `sample`).
 #pragma once
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// The framework's counted pointers (spec Overview): RCShdPtr / RCStrongPtr hold any object with
+// The framework's counted pointers: RCShdPtr / RCStrongPtr hold any object with
 // addRef() and removeRef(); RCBase<LkCounter<int>> is the atomically counted base that deletes
 // itself at zero. Going through a null pointer raises RCExUtil::throwExNullPtr.
 #pragma once
@@ -79,7 +79,7 @@ private:
 template <class T>
 using RCStrongPtr = RCShdPtr<T>;
 
-// Unchecked conversion: the check phase has proved the type (Part 2.1).
+// Unchecked conversion: the check phase has proved the type.
 template <class U, class T>
 RCShdPtr<U> rcStaticCast(const RCShdPtr<T>& p) { return RCShdPtr<U>(static_cast<U*>(p.get())); }
 

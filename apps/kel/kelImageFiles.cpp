@@ -41,7 +41,7 @@ IxPixelFormat aspectFormat(double aspect) {
 
 namespace {
 
-// OpenImageIO's messages may span lines; cli.md wants one line per message.
+// OpenImageIO's messages may span lines; the command prints every message on one line.
 std::string oneLine(std::string text) {
     for (char& c : text)
         if (c == '\n' || c == '\r') c = ';';
@@ -96,8 +96,8 @@ namespace {
 std::unique_ptr<ImageInput> openInput(const std::string& path) {
     auto in = ImageInput::open(path);
     if (!in) throw FileError("cannot read " + path + ": " + oneLine(OIIO::geterror()));
-    const ImageSpec& spec = in->spec();
-    const int width = spec.width, height = spec.height, channels = spec.nchannels;
+    const ImageSpec& imageSpec = in->spec();
+    const int width = imageSpec.width, height = imageSpec.height, channels = imageSpec.nchannels;
     if (width <= 0 || height <= 0 || channels <= 0)
         throw FileError("cannot read " + path + ": it has no pixels (" + std::to_string(width) + "x" +
                         std::to_string(height) + ", " + std::to_string(channels) + " channels)");
@@ -116,8 +116,8 @@ void checkReadable(const std::string& path) {
 PxNodePtr<PxMemoryImage> readImage(const std::string& path, const PxValidityInterval& validity) {
     const QuietStandardError quiet;
     const auto in = openInput(path);
-    const ImageSpec& spec = in->spec();
-    const int width = spec.width, height = spec.height, channels = spec.nchannels;
+    const ImageSpec& imageSpec = in->spec();
+    const int width = imageSpec.width, height = imageSpec.height, channels = imageSpec.nchannels;
     std::vector<float> data;
     std::vector<Color> pixels;
     try {
@@ -142,7 +142,7 @@ PxNodePtr<PxMemoryImage> readImage(const std::string& path, const PxValidityInte
             }
         }
     }
-    const IxPixelFormat format = aspectFormat(spec.get_float_attribute("PixelAspectRatio", 1.0f));
+    const IxPixelFormat format = aspectFormat(imageSpec.get_float_attribute("PixelAspectRatio", 1.0f));
     return PxNodePtr<PxMemoryImage>(new PxMemoryImage(width, height, std::move(pixels), format, validity));
 }
 
@@ -209,9 +209,9 @@ bool readsBack(const fs::path& path) {
     const QuietStandardError quiet;
     auto in = ImageInput::open(path.string());
     if (!in) return false;
-    const ImageSpec& spec = in->spec();
-    std::vector<float> data(std::size_t(spec.width) * std::size_t(spec.height) * std::size_t(spec.nchannels));
-    return in->read_image(0, 0, 0, spec.nchannels, TypeDesc::FLOAT, data.data());
+    const ImageSpec& imageSpec = in->spec();
+    std::vector<float> data(std::size_t(imageSpec.width) * std::size_t(imageSpec.height) * std::size_t(imageSpec.nchannels));
+    return in->read_image(0, 0, 0, imageSpec.nchannels, TypeDesc::FLOAT, data.data());
 }
 
 }  // namespace
@@ -224,8 +224,8 @@ void OutputFiles::write(const std::string& path, const PxRenderedImage& image, c
     const std::string formatName = out->format_name();
     const int width = image.rect.width(), height = image.rect.height();
     const int channels = out->supports("alpha") ? 4 : 3;
-    ImageSpec spec(width, height, channels, fileType(formatName));
-    if (format.aspectNum != format.aspectDen) spec.attribute("PixelAspectRatio", format.aspect());
+    ImageSpec imageSpec(width, height, channels, fileType(formatName));
+    if (format.aspectNum != format.aspectDen) imageSpec.attribute("PixelAspectRatio", format.aspect());
 
     std::vector<float> data(std::size_t(width) * std::size_t(height) * std::size_t(channels));
     for (int row = 0; row < height; ++row) {
@@ -238,7 +238,7 @@ void OutputFiles::write(const std::string& path, const PxRenderedImage& image, c
     std::vector<unsigned char> encoded;
     OIIO::Filesystem::IOVecOutput memory(encoded);
     const bool inMemory = out->supports("ioproxy") && out->set_ioproxy(&memory);
-    bool written = out->open(temporary.string(), spec) && out->write_image(TypeDesc::FLOAT, data.data()) && out->close();
+    bool written = out->open(temporary.string(), imageSpec) && out->write_image(TypeDesc::FLOAT, data.data()) && out->close();
     std::string reason = written ? "" : oneLine(out->geterror());
     out.reset();
     if (written && inMemory) written = writeBytes(temporary, encoded, reason);

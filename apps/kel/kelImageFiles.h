@@ -1,4 +1,4 @@
-// Image files in and out through OpenImageIO, with the host's conventions (host.md): every image
+// Image files in and out through OpenImageIO, with the host's conventions: every image
 // is RGBA float in memory, bottom row first; one channel is grey with A=1, two grey and alpha,
 // three RGB with A=1; extra channels are ignored; the pixel aspect is the file's
 // PixelAspectRatio. Output is written atomically: into temporary files of the outputs'
@@ -16,7 +16,7 @@
 
 namespace Zt::KelApp {
 
-// A file that can't be read or written: exit status 2 (cli.md).
+// A file that can't be read or written: a one-line message and exit status 2.
 struct FileError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };

@@ -1,4 +1,4 @@
-// The JSON report of `kel check --json` and `kel render --json` (cli.md "JSON report"): a few
+// The JSON report of `kel check --json` and `kel render --json` (described in docs as the JSON report): a few
 // writers that keep the exact shapes and number formats in one place.
 #pragma once
 

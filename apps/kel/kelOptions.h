@@ -1,4 +1,4 @@
-// The values of `kel`'s options (cli.md): parsers that turn option text into values or throw
+// The values of `kel`'s options: parsers that turn option text into values or throw
 // UsageError with a one-line message (exit status 2), and the frame-number patterns of paths.
 #pragma once
 

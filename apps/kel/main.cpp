@@ -1,4 +1,4 @@
-// The `kel` command (cli.md): compiles a KEL script against a parameter list through the tool
+// The `kel` command: compiles a KEL script against a parameter list through the tool
 // "KEL" that the plug-in package registered, and renders it over image files. This file holds
 // the command line; kelCommands.cpp the commands (kelOptions.cpp the option values,
 // kelImageFiles.cpp the image files, kelJson.cpp the JSON report).
@@ -13,7 +13,7 @@ using namespace Zt::KelApp;
 
 namespace {
 
-// The script and the node's parameter list (cli.md), shared by render, check and print.
+// The script and the node's parameter list, shared by render, check and print.
 void addScriptOptions(CLI::App& command, Invocation& in, bool imageNeedsFile) {
     command.add_option("SCRIPT", in.scriptPath, "the script file, read as bytes")->type_name("FILE")->group("Script");
     command.add_option("-e", in.scriptText, "the script text itself, instead of SCRIPT (named <script> in messages)")
@@ -40,7 +40,8 @@ const char* const kParametersFooter =
     "the script sees them under their names. Errors are printed to standard error as\n"
     "SCRIPT:LINE: MESSAGE followed by the line (SCRIPT: MESSAGE for line 0).";
 
-// -i, -f and -c in command-line order: the parameter list's order (cli.md).
+// -i, -f and -c in command-line order, which is the parameter list's order: the script's
+// image inputs bind to the node's inputs by rank.
 void collectParameters(CLI::App& command, Invocation& in) {
     std::map<const CLI::Option*, std::size_t> taken;
     for (const CLI::Option* option : command.parse_order()) {

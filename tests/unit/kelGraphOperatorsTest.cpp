@@ -7,53 +7,8 @@
 namespace Zt::test {
 namespace {
 
-using T = KelOperatorTables;
-using U = IxScanlineUtil;
-using C = Zt::Color;
 using Row = std::vector<float>;
 using Colors = std::vector<Color>;
-
-template <class Map>
-std::vector<int> keysOf(const Map& table) {
-    std::vector<int> keys;
-    for (const auto& entry : table) keys.push_back(entry.first);
-    return keys;
-}
-
-// ---- Part 4.3 ----------------------------------------------------------------------------------
-
-TEST(KelGraphOperatorTables, NameTables) {
-    EXPECT_EQ(T::assignOperators, (std::map<std::string, int>{{"=", 0}, {"+=", 1}, {"-=", 2}, {"*=", 3}, {"/=", 4}}));
-    EXPECT_EQ(T::binaryOperators, (std::map<std::string, int>{{"+", 1}, {"-", 2}, {"*", 3}, {"/", 4}, {"==", 5}, {"!=", 6},
-                                                              {"||", 7}, {"&&", 8}, {"<", 9}, {">", 10}, {"<=", 11},
-                                                              {">=", 12}, {",", 13}}));
-    EXPECT_EQ(T::typeNames, (std::map<std::string, int>{{"float", 1}, {"image", 3}, {"color", 4}}));
-}
-
-// Part 4.3: 13 is in no dispatch table, the colour tables stop at 4, the type 2 is nowhere.
-TEST(KelGraphOperatorTables, DispatchTablesHoldExactlyTheSpecsNumbers) {
-    EXPECT_EQ(keysOf(T::floatOperations), (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}));
-    for (const auto& keys : {keysOf(T::colorOperations), keysOf(T::floatColorOperations), keysOf(T::colorFloatOperations)})
-        EXPECT_EQ(keys, (std::vector<int>{1, 2, 3, 4}));
-    EXPECT_EQ(keysOf(T::colorCompareOperations), (std::vector<int>{5, 6}));
-    for (const auto& keys : {keysOf(T::floatAssignOperations), keysOf(T::colorAssignOperations), keysOf(T::colorFloatAssignOperations)})
-        EXPECT_EQ(keys, (std::vector<int>{0, 1, 2, 3, 4}));
-}
-
-TEST(KelGraphOperatorTables, EntriesAreTheScanlineOperations) {
-    EXPECT_TRUE((T::floatOperations.at(1) == (T::BinaryFloat)&U::addScanlines<float, float, float>));
-    EXPECT_TRUE((T::floatOperations.at(4) == (T::BinaryFloat)&U::divideScanlines<float, float, float>));
-    EXPECT_TRUE((T::floatOperations.at(7) == (T::BinaryFloat)&U::orScanlines));
-    EXPECT_TRUE((T::floatOperations.at(8) == (T::BinaryFloat)&U::andScanlines));
-    EXPECT_TRUE((T::floatOperations.at(12) == (T::BinaryFloat)&U::greaterEqScanlines));
-    EXPECT_TRUE((T::colorOperations.at(2) == (T::BinaryColor)&U::subtractScanlines<C, C, C>));
-    EXPECT_TRUE((T::floatColorOperations.at(3) == (T::BinaryFloatColor)&U::multiplyScanlines<C, float, C>));
-    EXPECT_TRUE((T::colorFloatOperations.at(4) == (T::BinaryColorFloat)&U::divideScanlines<C, C, float>));
-    EXPECT_TRUE((T::colorCompareOperations.at(6) == (T::CompareColor)&U::notEqualScanlines<C>));
-    EXPECT_TRUE((T::floatAssignOperations.at(0) == (T::AssignFloat)&U::copyIf<float, float>));
-    EXPECT_TRUE((T::colorAssignOperations.at(2) == (T::AssignColor)&U::decrementScanline<C, C>));
-    EXPECT_TRUE((T::colorFloatAssignOperations.at(3) == (T::AssignColorFloat)&U::mulAssignScanline<C, float>));
-}
 
 // ---- Part 4.4: a script over one row ------------------------------------------------------------
 

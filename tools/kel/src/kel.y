@@ -1,18 +1,17 @@
-/* Part 3.2: the grammar of the KEL language (GNU bison 3.8, LALR(1), yacc.c skeleton).
+/* The grammar of the KEL language (GNU bison 3.8, LALR(1), yacc.c skeleton).
  *
- * 127 rules (the tables count the start rule as rule 1, so the rule numbers below are the spec's
- * and bison's report shows each one less), 42 terminals, 38 non-terminals, 193 states, no
- * conflicts: kelGrammarTest checks all of it against bison's report. Every action is one call
- * of KelParserProtocol (Part 3.3), or a report: a false result ends the parse (YYABORT).
+ * 127 rules (counting the start rule as rule 1, so bison's report shows each number below one
+ * less), 42 terminals, 38 non-terminals, no conflicts. Every action is one call of
+ * KelParserProtocol, or a report of a syntax error: a false result ends the parse (YYABORT).
  *
  * Values are std::string, a token's text; a rule without an action hands up the text of its
- * first symbol. Locations are the four-field record of Part 3.1; only first_line is used.
+ * first symbol. Locations are bison's four-field record; only first_line is used.
  * The stacks are fixed at 1000 entries (YYINITDEPTH == YYMAXDEPTH), so a full stack calls the
- * error function with "memory exhausted" (Part 3.3 turns it into "Error: Script too long",
- * line 0). bison takes an api.value.type for trivial and so compiles its memcpy relocation of
+ * error function with "memory exhausted" (kelParserError turns it into "Error: Script too
+ * long", line 0). bison takes an api.value.type for trivial and so compiles its memcpy relocation of
  * the stacks, which would be wrong for std::string; it is dead code here, since with the
  * initial depth at the maximum the first overflow check exhausts before relocating (hence
- * -Wno-class-memaccess on the generated file). kelGrammarTest measures where the limit trips.
+ * -Wno-class-memaccess on the generated file). the parser tests measure where the limit trips.
  */
 
 %require "3.8"
@@ -31,8 +30,9 @@ namespace Zt { class KelParserProtocol; }
 #include "kelParser.h"
 
 using Zt::kelSyntaxMessage;
+using P = Zt::KelParserProtocol;
 
-// Part 3.2 "Stack limit": three stacks of 1000 entries that do not grow.
+// Three parser stacks of 1000 entries that never grow: a script nested deeper is "too long".
 #define YYINITDEPTH 1000
 #define YYMAXDEPTH 1000
 static_assert(YYINITDEPTH == YYMAXDEPTH, "the stacks must never be relocated: std::string values");
@@ -54,7 +54,7 @@ static void kelerror(KELLTYPE*, Zt::KelParserProtocol& protocol, const char* tex
 
 %lex-param {Zt::KelParserProtocol& protocol}
 
-/* Part 3.1's codes from 258, in the order of its table. */
+/* Token codes from 258, in this order: kelTokenize hands them to tools as numbers. */
 %token IDENTIFIER NUMBER VOID CONST IF FOR ELSE WHILE IMAGE FLOAT COLOR OUTPUT INPUT
 %token ADD_ASSIGN SUB_ASSIGN DIV_ASSIGN MUL_ASSIGN OR_OP AND_OP EQ_OP NE_OP GE_OP LE_OP INC_OP DEC_OP
 
@@ -135,10 +135,10 @@ while_statement
     ;
 
 for_statement
-    : FOR '(' expression ';' expression ';' expression ')' body /* 36 */ { BUILD(protocol.forLoop(7, @1.first_line)); }
-    | FOR '(' ';' expression ';' expression ')' body            /* 37 */ { BUILD(protocol.forLoop(6, @1.first_line)); }
-    | FOR '(' expression ';' expression ';' ')' body            /* 38 */ { BUILD(protocol.forLoop(3, @1.first_line)); }
-    | FOR '(' ';' expression ';' ')' body                       /* 39 */ { BUILD(protocol.forLoop(2, @1.first_line)); }
+    : FOR '(' expression ';' expression ';' expression ')' body /* 36 */ { BUILD(protocol.forLoop(P::ForInit | P::ForCondition | P::ForIncrement, @1.first_line)); }
+    | FOR '(' ';' expression ';' expression ')' body            /* 37 */ { BUILD(protocol.forLoop(P::ForCondition | P::ForIncrement, @1.first_line)); }
+    | FOR '(' expression ';' expression ';' ')' body            /* 38 */ { BUILD(protocol.forLoop(P::ForInit | P::ForCondition, @1.first_line)); }
+    | FOR '(' ';' expression ';' ')' body                       /* 39 */ { BUILD(protocol.forLoop(P::ForCondition, @1.first_line)); }
     | FOR error                                                 /* 40 */ { REPORT("Invalid for structure"); }
     ;
 

@@ -1,4 +1,6 @@
-// Parts 2.1, 2.2, 2.3: values and their pool, the execution context, masks.
+// Values and their pool, the execution context, masks. Every value comes from the context's pool
+// and returns to it when its last reference goes, so a tile's rows after the first allocate
+// nothing.
 #include "kelContext.h"
 
 #include <bit>
@@ -14,7 +16,7 @@ namespace {
 constexpr const char* kContextFile = "tools\\kel\\src\\kelContext";
 }
 
-// ---- Part 2.1: values -------------------------------------------------------------------
+// ---- Values -------------------------------------------------------------------------------------
 
 void KelValue::removeRef() {
     --_refCount;
@@ -31,7 +33,7 @@ void KelValue::removeRef() {
 template <class T>
 KelType<T>::KelType(KelContext* context, int id, int writable)
     : KelValue(context, id, writable),
-      _scanline(context->getInterval(), IxPaddingPolicy<T>{4, KelTypeTraits<T>::pad}) {}
+      _scanline(context->getInterval(), IxPaddingPolicy<T>{IxPaddingPolicy<T>::kPadWithValue, KelTypeTraits<T>::pad}) {}
 
 template <class T>
 KelType<T>::KelType(KelContext* context, int id, int writable, const T& fill) : KelType(context, id, writable) {
@@ -49,7 +51,7 @@ void KelImage::recycle(int id, KelContext* context) { context->freeIds(Image).in
 template class KelType<float>;
 template class KelType<Color>;
 
-// ---- Free-id sets ------------------------------------------------------------------------
+// ---- Free-id sets -------------------------------------------------------------------------------
 
 bool KelIdSet::contains(int id) const {
     std::size_t w = std::size_t(id) / 64;
@@ -75,17 +77,21 @@ int KelIdSet::takeSmallest() {
     return int(_firstWord * 64) + bit;
 }
 
-// ---- Parts 2.2, 2.3: masks ---------------------------------------------------------------
+// ---- Masks --------------------------------------------------------------------------------------
+
+namespace {
+const IxPaddingPolicy<float> kMaskPadding{IxPaddingPolicy<float>::kPadWithValue, 0.0f};
+}
 
 KelMask::KelMask(const GeInterval<int>& interval)
-    : _noneActive(false), _allActive(true), _scanline(interval, IxPaddingPolicy<float>{4, 0.0f}), _span(interval) {
+    : _noneActive(false), _allActive(true), _scanline(interval, kMaskPadding), _span(interval) {
     IxScanlineUtil::set(_scanline, 1.0f, nullptr);
 }
 
 KelMask::KelMask(const KelMask& other)
     : _noneActive(other._noneActive),
       _allActive(other._allActive),
-      _scanline(other._scanline.getInterval(), IxPaddingPolicy<float>{4, 0.0f}),
+      _scanline(other._scanline.getInterval(), kMaskPadding),
       _span(other._span) {
     IxScanlineUtil::copy(_scanline, other._scanline, nullptr);
 }
@@ -122,7 +128,7 @@ void KelMask::narrow(const RCShdPtr<KelType<float>>& condition, int invert) {
     const float* c = cond.begin();
     int x = 0;
 #if defined(__SSE2__)
-    // Part 2.3: groups of four aligned columns; compare, AND (or AND NOT) into the mask, and
+    // Groups of four aligned columns; compare, AND (or AND NOT) into the mask, and
     // gather both flags in the same pass.
     const __m128 zero = _mm_setzero_ps();
     __m128 anyActive = zero;
@@ -150,7 +156,7 @@ void KelMask::narrow(const RCShdPtr<KelType<float>>& condition, int invert) {
     findSpan();
 }
 
-// ---- Part 2.2: the context ---------------------------------------------------------------
+// ---- The context --------------------------------------------------------------------------------
 
 KelContext::KelContext(const GeInterval<int>& interval, int slotCount)
     : _variables(std::size_t(slotCount > 0 ? slotCount : 0)), _interval(interval), _mask(interval) {
@@ -165,8 +171,8 @@ KelContext::~KelContext() {
     _terminating = true;
     for (auto& v : _variables) v = nullptr;
     for (auto& v : _values) v = nullptr;
-    // The members then die in reverse order of declaration, which is the spec's order:
-    // used names, mask, pool storage, images, scopes, variable storage, then the free-id sets
+    // The members then die in reverse order of declaration: values first release their ids into
+    // the free-id sets, which go last: used names, mask, pool storage, images, scopes, variable storage, then the free-id sets
     // _freeImages, _freeColors, _freeFloats.
 }
 
@@ -209,7 +215,7 @@ RCShdPtr<KelImage> KelContext::newVaryingImage(int writable) { return issue<KelI
 RCShdPtr<KelImage> KelContext::newImage(float id, int writable) { return issue<KelImage>(_freeImages, writable, id); }
 
 RCShdPtr<KelValue> KelContext::getVariable(int id) const {
-    // Compared unsigned, so that the id -1 of an unknown name fires the assertion (Part 1.2 step 18).
+    // Compared unsigned, so that the id -1 of an unknown name fires the assertion.
     if (!(std::size_t(unsigned(id)) < _variables.size()))
         Assertions::throwAssertionFailed(kContextFile, 514, "id < _variables.size()");
     return _variables[std::size_t(id)];

@@ -1,4 +1,4 @@
-// Parts 2.1 Values, 2.2 Execution context, 2.3 Masks.
+// Values, the execution context and masks.
 // A value of the language is a whole scanline (KelValue and its three classes), always made by
 // a KelContext and returned to its pool instead of being freed. KelContext holds all run-time
 // state of one tile (or the symbol table of one static check); KelMask says which columns are
@@ -26,7 +26,9 @@ struct KelValueTypes : PebInterpreterTypes {
     static constexpr int Void = 5;
 };
 
-// Part 2.1. The reference count is plain, not atomic: a value never leaves its context.
+// A value of the language: one scanline of a type, const or writable, with a flag for a value
+// known to hold one number at every column. The reference count is plain, not atomic: a value
+// never leaves its context.
 class KelValue : public KelValueTypes {
 public:
     virtual int getType() const = 0;
@@ -84,7 +86,7 @@ private:
     IxScanline<T> _scanline;
 };
 
-// Part 2.1: a scanline of image ids, each a float whose truncation indexes the image table.
+// A scanline of image ids, each a float whose truncation indexes the image table.
 class KelImage : public KelType<float> {
 public:
     using KelType<float>::KelType;
@@ -99,7 +101,7 @@ using KelFloatPtr = RCShdPtr<KelType<float>>;
 using KelColorPtr = RCShdPtr<KelType<Color>>;
 using KelImagePtr = RCShdPtr<KelImage>;
 
-// Part 2.2: one row of the image table. Id 0 no image, 1 the output, i + 2 the i-th input.
+// One row of the image table. Id 0 no image, 1 the output, i + 2 the i-th input.
 struct KelImageEntry {
     GeRectangle<int> pixelRect;
     GeRectangle<float> nominalRect;
@@ -108,7 +110,7 @@ struct KelImageEntry {
     float pixelAspectRatio = 0.0f;
 };
 
-// Parts 2.2 and 2.3: which columns are active, 1.0 or 0.0 per column, with two summary flags.
+// Which columns are active, 1.0 or 0.0 per column, with two summary flags.
 class KelMask {
 public:
     explicit KelMask(const GeInterval<int>& interval);
@@ -121,15 +123,15 @@ public:
     const IxScanline<float>& getScanline() const { return _scanline; }
     // Null when every column is active: the masked stores then take their unmasked path.
     const IxScanline<float>* activeScanline() const { return _allActive ? nullptr : &_scanline; }
-    // Issue 8: the columns from the first active one to the last (empty when none is active),
+    // The columns from the first active one to the last (empty when none is active),
     // or null when every column is active. Every column outside it is inactive, and stays so in
     // every narrower mask until this one is restored, so the operators compute only inside it:
     // a temporary's value outside it can reach no variable, since every store is masked and a
-    // declaration resets its whole row (Parts 4.4, 4.5). Results inside are bit for bit those
+    // declaration resets its whole row. Results inside are bit for bit those
     // of the whole row.
     const GeInterval<int>* activeSpan() const { return _allActive ? nullptr : &_span; }
 
-    // Part 2.3: keeps a column active when it was and the condition there is non-zero
+    // Keeps a column active when it was and the condition there is non-zero
     // (invert 1: is zero). Four columns at a time, flags from the same pass.
     void narrow(const RCShdPtr<KelType<float>>& condition, int invert);
 
@@ -143,7 +145,7 @@ private:
 };
 
 // A set of ids that gives its smallest member first and, once sized, never allocates (the
-// steady state of a tile is allocation-free, Part 2.1): a bitmap over the pool's ids.
+// steady state of a tile is allocation-free): a bitmap over the pool's ids.
 class KelIdSet {
 public:
     bool empty() const { return _count == 0; }
@@ -166,7 +168,7 @@ public:
 
     bool isTerminating() const { return _terminating; }
 
-    // Values (Part 2.2): each delivers a reference for the caller.
+    // Values: each delivers a reference for the caller, from the pool when an id is free.
     RCShdPtr<KelType<float>> newFloat(int writable);
     RCShdPtr<KelType<float>> newConstantFloat(float value, int writable);
     RCShdPtr<KelType<Color>> newColor(int writable);
@@ -224,14 +226,14 @@ private:
     KelMask _mask;
     bool _terminating = false;
     std::unordered_set<std::string> _usedNames;
-    // Not in the spec's field list: the reusable copies that KelSavedMask hands out.
+    // The reusable copies that KelSavedMask hands out.
     std::vector<std::unique_ptr<KelMask>> _savedMasks;
     std::size_t _savedDepth = 0;
 };
 
-// Part 2.3: control flow copies the mask on entry and restores it on exit. The spec makes a new
-// scanline for each copy; here the copies live in a stack of the context and are reused from
-// row to row, so that a row in the steady state allocates nothing. Same values, same nesting.
+// Control flow copies the mask on entry and restores it on exit. The copies live in a stack of
+// the context and are reused from row to row, so that a row in the steady state allocates
+// nothing; they nest as the statements do.
 class KelSavedMask {
 public:
     explicit KelSavedMask(KelContext& context) : _context(context), _saved(context.pushSavedMask()) {}
@@ -245,7 +247,7 @@ private:
     KelMask& _saved;
 };
 
-// Part 2.2: a script's semantic fault, raised from `check` through raiseError.
+// A script's semantic fault, raised from `check` through raiseError; it carries the line.
 class KelParseEx : public ExBase {
 public:
     KelParseEx(const char* file, int sourceLine, const std::string& reason, int line)

@@ -1,10 +1,10 @@
-// Subsystem 5, the built-in functions (Parts 5.1 to 5.4), and the catalogue of Part 3.4.
-// Each built-in is a class FunctionX with a static `declare` (its signature, Part 3.4) and a
-// static `eval` (what it computes); FunctionNode<FunctionX> (kelGraph.h) wraps it as a node.
-// Where functions differ only in a per-pixel formula, a channel or an image quantity, FunctionX
-// is one instance of a family template whose operation is defined in the family's .cpp file:
-// kelFunctionsMath.cpp (5.1), kelFunctionsColor.cpp (5.2), kelFunctionsImage.cpp (5.3),
-// kelFunctionsNoise.cpp (5.4, and `rand`), kelFunctionsCatalogue.cpp (3.4).
+// The built-in functions and their catalogue. Each built-in is a class FunctionX with a static
+// `declare` (its signature) and a static `eval` (what it computes); FunctionNode<FunctionX>
+// (kelGraph.h) wraps it as a node. Where functions differ only in a per-pixel formula, a channel
+// or an image quantity, FunctionX is one instance of a family template whose operation is
+// defined in the family's .cpp file: kelFunctionsMath.cpp (math), kelFunctionsColor.cpp
+// (colours and channels), kelFunctionsImage.cpp and kelFunctionsSample.cpp (images),
+// kelFunctionsNoise.cpp (noise and `rand`); kelFunctionsCatalogue.cpp names them all.
 #pragma once
 
 #include <initializer_list>
@@ -16,14 +16,14 @@
 
 namespace Zt {
 
-// Part 3.4: fills one overload's row of the signature tables, all parameters of mode 0 except
+// Fills one overload's row of the signature tables, all parameters of mode 0 except
 // `writtenParameter` (mode 1, the function writes to that argument).
 void kelDeclareOverload(FunctionCallNode& node, int overload, int returnType, std::initializer_list<int> parameterTypes,
                         int writtenParameter = -1);
 
-// ---- Part 5.1: math ---------------------------------------------------------------------------
+// ---- Math ---------------------------------------------------------------------------------------
 
-// The family of Part 5.1: `Op::arity` float arguments, evaluated first to last, a result from
+// The math family: `Op::arity` float arguments, evaluated first to last, a result from
 // newFloat(0) written at the active columns only, by the single-precision formula `Op::apply`.
 template <class Op>
 struct KelMathFunction {
@@ -31,7 +31,7 @@ struct KelMathFunction {
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
 };
 
-// The per-pixel formulas, defined in kelFunctionsMath.cpp (Part 5.1's table).
+// The per-pixel formulas, defined in kelFunctionsMath.cpp.
 namespace KelMathOps {
 struct Sin; struct Cos; struct Tan; struct ASin; struct ACos; struct ATan; struct ATan2;
 struct Sinh; struct Cosh; struct Tanh; struct Degrees; struct Radians; struct Exp; struct Log;
@@ -66,7 +66,7 @@ using FunctionMin = KelMathFunction<KelMathOps::Min>;
 using FunctionMax = KelMathFunction<KelMathOps::Max>;
 using FunctionHypot = KelMathFunction<KelMathOps::Hypot>;
 
-// ---- Part 5.2: colours and channels ------------------------------------------------------------
+// ---- Colours and channels -----------------------------------------------------------------------
 
 // `r`, `g`, `b`, `a` (and `x`, `y`, `z`, `w`): channel `Channel` of a colour, at all columns.
 template <int Channel>
@@ -103,7 +103,7 @@ struct FunctionDot {
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
 };
 
-// ---- Part 5.3: image queries and sampling --------------------------------------------------------
+// ---- Image queries and sampling -----------------------------------------------------------------
 
 // A quantity of a KelImageEntry read for each column's image id, at all columns. `Q::shortWay`
 // says whether a uniform image value is answered by one `set` from its first column.
@@ -113,7 +113,7 @@ struct KelImageQuery {
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
 };
 
-// The quantities, defined in kelFunctionsImage.cpp (Part 5.3's table).
+// The quantities, defined in kelFunctionsImage.cpp.
 namespace KelImageQuantities {
 struct Width; struct Height; struct XMin; struct XMax; struct YMin; struct YMax; struct PixelAspectRatio;
 }  // namespace KelImageQuantities
@@ -138,14 +138,14 @@ struct FunctionIsSame {
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
 };
 
-// Part 5.3: `sample(i, x, y)` (overload 0) and `sample(i)` (overload 1). Also the node that the
-// implicit wrap of Part 4.6 builds.
+// `sample(i, x, y)` (overload 0) and `sample(i)` (overload 1). Also the node that the implicit
+// wrap (wrapInSample) builds.
 struct FunctionSample {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
 };
 
-// ---- Part 5.4: noise and random numbers ------------------------------------------------------------
+// ---- Noise and random numbers -------------------------------------------------------------------
 
 // `noise3D(x, y, z)`: at all columns, the mask plays no part.
 struct FunctionNoise3D {
@@ -163,7 +163,7 @@ struct FunctionRand {
     static float toUnit(int number) { return float(number) / 32767.0f; }
 };
 
-// Part 5.4: the three constant tables of noise3D, built once (Part 6.1 step 5).
+// The three constant tables of noise3D, copied into place once at package initialisation.
 struct KelNoise {
     static float cornerOffsets[8][3];
     static float gradients[16][3];
@@ -172,13 +172,13 @@ struct KelNoise {
     static float noise(float x, float y, float z);
 };
 
-// ---- Part 3.4: the catalogue ---------------------------------------------------------------------
+// ---- The catalogue ------------------------------------------------------------------------------
 
-// Part 3.4: the static table from name to factory, filled once at package initialisation.
+// The static table from name to factory, filled once at package initialisation.
 struct KelFunctionTable {
     using Factory = RCShdPtr<FunctionCallNode> (*)(int line);
     static std::map<std::string, Factory> functions;
-    // Registers the 56 names in the order of the catalogue (Part 6.1 step 3).
+    // Registers every name of the catalogue, in its order.
     static void build();
     // Exact, case-sensitive; null when the name is unknown.
     static Factory lookup(const std::string& name);

@@ -1,6 +1,7 @@
-// Part 3.4: the built-in function catalogue. The table from name to factory, filled once at
-// package initialisation from one list in the catalogue's order, and the shared helper by which
-// each FunctionX declares its signature. What each function computes is in Parts 5.1 to 5.4.
+// The built-in function catalogue: one list of every name a script can call with the class that
+// implements it, from which the table from name to factory is filled once at package
+// initialisation; and the shared helper by which each FunctionX declares its signature. What
+// each function computes is in the family files (kelFunctionsMath.cpp and its neighbours).
 #include <algorithm>
 #include <iterator>
 
@@ -42,8 +43,8 @@ constexpr CatalogueEntry entry() {
     return {Name.text, &makeNode<F, Name>};
 }
 
-// Part 3.4's table, in the order of registration.
-const CatalogueEntry kCatalogue[] = {
+// Every built-in, in the order of registration; a name may share a class with another.
+constexpr CatalogueEntry kCatalogue[] = {
     entry<FunctionSin,                 "sin">(),
     entry<FunctionCos,                 "cos">(),
     entry<FunctionTan,                 "tan">(),
@@ -101,7 +102,19 @@ const CatalogueEntry kCatalogue[] = {
     entry<FunctionIsSame,              "isSame">(),
     entry<FunctionNoise3D,             "noise3D">(),
 };
-static_assert(std::size(kCatalogue) == 56, "Part 3.4 registers 56 names");
+constexpr bool sameName(const char* a, const char* b) {
+    while (*a != 0 && *a == *b) ++a, ++b;
+    return *a == *b;
+}
+
+// A second row of one name would be dropped by the map without a word.
+constexpr bool namesAreUnique() {
+    for (std::size_t i = 0; i < std::size(kCatalogue); ++i)
+        for (std::size_t j = i + 1; j < std::size(kCatalogue); ++j)
+            if (sameName(kCatalogue[i].name, kCatalogue[j].name)) return false;
+    return true;
+}
+static_assert(namesAreUnique(), "each built-in name appears once");
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// Part 5.2: colour and channel functions. The readers and setters go through the host's
+// Colour and channel functions. The readers and setters go through the host's
 // whole-row channel operations (extractChannel, replaceChannelIf); `color` and `dot` are plain
 // loops over the raw rows.
 #include "kelFunctions.h"
@@ -107,7 +107,7 @@ void FunctionDot::declare(FunctionCallNode& node) {
 }
 
 // From newConstantFloat(0.0, 0), so that inactive columns hold 0.0; the result keeps the
-// uniform flag although it varies, which nothing reads for a float (Part 2.1).
+// uniform flag although it varies, which nothing reads for a float.
 RCShdPtr<KelValue> FunctionDot::eval(const FunctionCallNode& node, KelContext& context) {
     KelColorPtr left = evalColor(node, 0, context);
     KelColorPtr right = evalColor(node, 1, context);

@@ -1,6 +1,6 @@
-// Part 5.3: image queries (all but `sample`, which is in kelFunctionsSample.cpp). An image value
-// is a row of ids; a query reads each column's entry of the context's image table, at all
-// columns, with a short way (one `set`) for a uniform value where Part 5.3 gives one.
+// Image queries (all but `sample`, which is in kelFunctionsSample.cpp). An image value is a row
+// of ids; a query reads each column's entry of the context's image table, at all columns, with
+// a short way (one `set`) for a uniform value where the quantity allows it.
 #include "kelFunctions.h"
 
 namespace Zt {
@@ -21,7 +21,7 @@ struct PixelAspectRatio { static constexpr bool shortWay = false; static float o
 
 namespace {
 
-// Part 5.3: an id is the truncation of the float; nothing compares it with the table's size.
+// An id is the truncation of the float; nothing compares it with the table's size.
 int imageId(float id) { return static_cast<int>(id); }
 
 KelImagePtr evalImage(const FunctionCallNode& node, std::size_t i, KelContext& context) {
@@ -63,7 +63,7 @@ template struct KelImageQuery<KelImageQuantities::PixelAspectRatio>;
 
 void FunctionGetOutputImage::declare(FunctionCallNode& node) { kelDeclareOverload(node, 0, KelValueTypes::Image, {}); }
 
-// A fresh value at each call; id 1 is the output image (Part 2.2).
+// A fresh value at each call; id 1 is the output image.
 RCShdPtr<KelValue> FunctionGetOutputImage::eval(const FunctionCallNode& node, KelContext& context) {
     return context.newImage(1.0f, 0);
 }

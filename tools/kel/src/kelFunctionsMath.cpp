@@ -1,6 +1,6 @@
-// Part 5.1: the math functions. One family, KelMathFunction<Op>: evaluate the float arguments
-// first to last, take newFloat(0), and store Op::apply at each active column. The table of
-// operations below is Part 5.1's table of formulas, in single precision.
+// The math functions. One family, KelMathFunction<Op>: evaluate the float arguments first to
+// last, take newFloat(0), and store Op::apply at each active column. The operations below are
+// the per-pixel formulas, in single precision, so that a pixel is the same on every platform.
 #include <array>
 #include <bit>
 #include <cmath>
@@ -60,7 +60,7 @@ constexpr int arityOf() {
         return 1;
 }
 
-// The plain loop of Part 5.1: active columns only; an inactive column keeps what the pool's
+// The plain loop: active columns only; an inactive column keeps what the pool's
 // object held.
 template <class Op, std::size_t N>
 void applyMasked(float* d, const std::array<const float*, N>& a, const float* mask, int lo, int hi) {

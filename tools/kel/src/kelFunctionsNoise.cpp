@@ -1,6 +1,7 @@
-// Part 5.4: noise and random numbers. `noise3D` is improved Perlin noise over the system's own
-// permutation table, computed exactly in the steps of Part 5.4 (floor by bit pattern, fifth-degree
-// fade, twelve edge gradients padded to sixteen); `rand` draws from the C runtime's generator.
+// Noise and random numbers. `noise3D` is improved Perlin noise over KEL's own permutation table,
+// computed in a fixed order of float operations (floor by bit pattern, fifth-degree fade, twelve
+// edge gradients padded to sixteen) so that a script's noise is the same everywhere; `rand`
+// draws from the C runtime's generator.
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
@@ -20,7 +21,7 @@ int KelNoise::permutation[512];
 namespace {
 
 // clang-format off
-// Part 5.4: a permutation of 0..255, the system's own; the table repeats it once.
+// A permutation of 0..255, KEL's own; the table repeats it once so that P[i + 1] needs no wrap.
 constexpr int kPermutation[256] = {
     205, 240, 162, 226, 237, 136, 227, 152, 188, 102, 193, 124, 244, 219,  71, 150,
     246, 108,  94,  17, 175,  47,  64,  66,  65,   7, 222,  76, 138,  99,  77,  81,
@@ -48,7 +49,7 @@ constexpr bool isPermutationOf256(const int (&list)[256]) {
     }
     return true;
 }
-static_assert(isPermutationOf256(kPermutation), "Part 5.4: a permutation of 0 to 255");
+static_assert(isPermutationOf256(kPermutation), "a permutation of 0 to 255");
 
 // The twelve edge directions of improved noise, padded to sixteen rows.
 constexpr float kGradients[16][3] = {
@@ -58,7 +59,7 @@ constexpr float kGradients[16][3] = {
     { 1,  1,  0}, { 0, -1,  1}, {-1,  1,  0}, { 0, -1, -1},
 };
 
-// The cube's corners in the order of their hashes (step 4).
+// The cube's corners in the order of their hashes in `noise`.
 constexpr float kCornerOffsets[8][3] = {
     {0, 0, 0}, {0, 1, 0}, {1, 0, 0}, {1, 1, 0},
     {0, 0, 1}, {0, 1, 1}, {1, 0, 1}, {1, 1, 1},
@@ -66,7 +67,7 @@ constexpr float kCornerOffsets[8][3] = {
 // clang-format on
 
 // Float to 32-bit integer by truncation; out of range or NaN gives the conversion's overflow
-// value (0x80000000 on x86) rather than undefined behaviour (Part 5.4, left to the implementer).
+// value (0x80000000 on x86) rather than undefined behaviour.
 int32_t truncateToInt(float v) {
 #if defined(__SSE2__)
     return _mm_cvttss_si32(_mm_set_ss(v));
@@ -75,7 +76,7 @@ int32_t truncateToInt(float v) {
 #endif
 }
 
-// Step 1: floor without a library call. For a negative value (or NaN), one step down in the bit
+// Floor without a library call. For a negative value (or NaN), one step down in the bit
 // pattern moves it toward zero by one ulp, so that truncating and subtracting 1 is exact for
 // negative whole numbers too.
 int32_t floorByBits(float v) {
@@ -89,7 +90,7 @@ float fade(float t) { return t * t * t * ((6.0f * t - 15.0f) * t + 10.0f); }
 
 float lerp(float s, float p, float q) { return p + (q - p) * s; }
 
-// Step 5: the gradient of `hash` dotted with the offset from corner `c`, added from the left.
+// The gradient of `hash` dotted with the offset from corner `c`, added from the left.
 float cornerDot(int hash, int c, float fx, float fy, float fz) {
     const float* g = KelNoise::gradients[hash & 15];
     const float* o = KelNoise::cornerOffsets[c];

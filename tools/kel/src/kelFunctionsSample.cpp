@@ -1,13 +1,13 @@
-// Part 5.3: `sample`. Overload 0 reads an image through its sampler at given coordinates, for
-// the active columns; overload 1 copies the current pixel from the image's row, and is the node
-// that the implicit wrap of Part 4.6 builds wherever an image stands for a colour.
+// `sample`. Overload 0 reads an image through its sampler at given coordinates, for the active
+// columns; overload 1 copies the current pixel from the image's row, and is the node that the
+// implicit wrap (wrapInSample) builds wherever an image stands for a colour.
 #include "kelFunctions.h"
 
 namespace Zt {
 
 namespace {
 
-// Part 5.3: one constant object of the library, built by setIdentity when the library loads.
+// One constant object of the library, built by setIdentity when the library loads.
 const GeLinearMatrix2<double> kIdentity = [] {
     GeLinearMatrix2<double> m;
     m.setIdentity();
@@ -70,7 +70,7 @@ RCShdPtr<KelValue> sampleCurrentPixel(const FunctionCallNode& node, KelContext& 
 
 }  // namespace
 
-// Part 4.6 step 2 of the wrap and Part 3.4: (image, float, float) and (image), both colour.
+// (image, float, float) and (image), both colour; the wrap finds the second.
 void FunctionSample::declare(FunctionCallNode& node) {
     kelDeclareOverload(node, 0, KelValueTypes::Color, {KelValueTypes::Image, KelValueTypes::Float, KelValueTypes::Float});
     kelDeclareOverload(node, 1, KelValueTypes::Color, {KelValueTypes::Image});

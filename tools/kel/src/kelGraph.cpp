@@ -1,7 +1,6 @@
-// Parts 4.1 and 4.6: the node base, the shared print helpers, function declarations and
-// parameters, and FunctionCallNode (overload resolution, the const rule, used names) with the
-// implicit `sample` wrap. Control flow is in kelGraphControl.cpp (4.2), operators in
-// kelGraphOperators.cpp (4.3, 4.4), variables and literals in kelGraphVariables.cpp (4.5).
+// Function declarations and parameters, and FunctionCallNode (overload resolution, the const
+// rule, used names) with the implicit `sample` wrap. Control flow is in kelGraphControl.cpp,
+// operators in kelGraphOperators.cpp, variables and literals in kelGraphVariables.cpp.
 #include "kelGraph.h"
 
 #include <algorithm>
@@ -10,30 +9,36 @@
 
 namespace Zt {
 
-// ---- Part 4.6: parameters and declarations ------------------------------------------------------
+// ---- Parameters and declarations ----------------------------------------------------------------
 
-namespace {
-
-int typeNumber(const std::string& typeName) {
-    auto it = KelOperatorTables::typeNames.find(typeName);
-    return it == KelOperatorTables::typeNames.end() ? 0 : it->second;
+int kelTypeNumber(const std::string& typeName) {
+    struct TypeName {
+        const char* text;
+        int type;
+    };
+    static constexpr TypeName kTypeNames[] = {
+        {"float", KelValueTypes::Float},
+        {"image", KelValueTypes::Image},
+        {"color", KelValueTypes::Color},
+    };
+    for (const TypeName& row : kTypeNames)
+        if (typeName == row.text) return row.type;
+    return 0;
 }
 
-}  // namespace
-
 ParameterNode::ParameterNode(const std::string& name, const std::string& typeName, bool isOutput, int line)
-    : KelSyntaxTree(line), _name(name), _typeName(typeName), _type(typeNumber(typeName)), _direction(isOutput ? 1 : 0) {}
+    : KelSyntaxTree(line), _name(name), _typeName(typeName), _type(kelTypeNumber(typeName)), _direction(isOutput ? 1 : 0) {}
 
 void ParameterNode::print(std::ostream& out) const {
     out << '\t' << (_direction == 1 ? "OUT" : "IN") << ' ' << _typeName << ' ' << _name << '\n';
 }
 
-// Part 4.6: parameters get their values from the interpreter (Part 1.1), never from here.
+// Parameters get their values from the interpreter, which binds them before `main` runs.
 RCShdPtr<KelValue> ParameterNode::eval(KelContext& context) const {
     Assertions::throwProgramAborted("tools/kel/src/kelGraph", 3020, "Parameters cannot be evaluated");
 }
 
-// Part 4.6: input parameters are const.
+// Input parameters are const; output parameters are writable.
 RCShdPtr<KelValue> ParameterNode::check(KelContext& context) {
     if (context.getVariableId(_name) != -1) context.raiseError("Variable already defined: " + _name, _line);
     int id = context.declareVariable(_name);
@@ -52,7 +57,7 @@ RCShdPtr<KelValue> ParameterNode::check(KelContext& context) {
 FunctionDeclarationNode::FunctionDeclarationNode(const std::string& name, const KelBlockPtr& body, int line)
     : KelSyntaxTree(line), _name(name), _body(body) {}
 
-// The same order as `check`, so that the ids agree between check and run (Part 4.6).
+// The same order as `check`, so that the ids agree between check and run.
 void FunctionDeclarationNode::declareParameters(KelContext& context) const {
     for (const KelParameterPtr& parameter : _parameters) context.declareVariable(parameter->getName());
 }
@@ -73,13 +78,13 @@ RCShdPtr<KelValue> FunctionDeclarationNode::check(KelContext& context) {
     return _body->check(context);
 }
 
-// ---- Part 4.6: calls ------------------------------------------------------------------------------
+// ---- Calls --------------------------------------------------------------------------------------
 
 FunctionCallNode::FunctionCallNode(const std::string& name, int line) : KelSyntaxTree(line), _name(name) {}
 
-// Part 4.6: appends to overload `overload`, creating the overloads up to it. Only this operation
-// makes overloads: a built-in without parameters (`rand`, `getOutputImage`) has none at all, and
-// its calls take step 4 of the check (Part 3.4: one call per parameter).
+// Appends to overload `overload`, creating the overloads up to it. Only this operation makes
+// overloads: a built-in without parameters (`rand`, `getOutputImage`) has none at all, and the
+// check then takes any arguments without a signature to hold them against.
 void FunctionCallNode::addOverloadParameter(int type, int overload, int mode) {
     const std::size_t count = std::max(_parameterTypes.size(), std::size_t(overload) + 1);
     _parameterTypes.resize(count);
@@ -93,7 +98,7 @@ void FunctionCallNode::setReturnType(int overload, int type) {
     _returnTypes[std::size_t(overload)] = type;
 }
 
-// Part 4.1: a comma follows every argument, the last one too.
+// A comma follows every argument, the last one too.
 void FunctionCallNode::print(std::ostream& out) const {
     out << _name << "( ";
     for (const KelNodePtr& argument : _arguments) {
@@ -105,7 +110,7 @@ void FunctionCallNode::print(std::ostream& out) const {
 
 namespace {
 
-// Part 4.6 step 5: the relaxed pass also takes an image for a colour parameter.
+// The relaxed pass also takes an image for a colour parameter.
 bool fits(const std::vector<int>& parameterTypes, const std::vector<KelValuePtr>& prototypes, bool relaxed) {
     if (parameterTypes.size() != prototypes.size()) return false;
     for (std::size_t i = 0; i < prototypes.size(); ++i) {
@@ -124,8 +129,8 @@ int firstFitting(const std::vector<std::vector<int>>& parameterTypes, const std:
     return -1;
 }
 
-// Part 4.6 step 6: a const value cannot go where the function writes. A function without
-// overloads (step 4) has no modes, and so no parameter that it writes.
+// A const value cannot go where the function writes. A function without overloads has no
+// modes, and so no parameter that it writes.
 void checkConstArguments(const FunctionCallNode& node, const std::vector<KelValuePtr>& prototypes, KelContext& context) {
     static const std::vector<int> kNoModes;
     const std::size_t overload = std::size_t(node.overload());
@@ -137,7 +142,7 @@ void checkConstArguments(const FunctionCallNode& node, const std::vector<KelValu
                                node.line());
 }
 
-// Part 4.6 step 8: a type number that is neither 1, 3 nor 4 means void.
+// A return type that is neither Float, Image nor Color means void.
 RCShdPtr<KelValue> prototypeOfResult(const FunctionCallNode& node, KelContext& context) {
     std::size_t overload = std::size_t(node.overload());
     int type = overload < node.returnTypes().size() ? node.returnTypes()[overload] : KelValueTypes::Void;
@@ -151,8 +156,9 @@ RCShdPtr<KelValue> prototypeOfResult(const FunctionCallNode& node, KelContext& c
 
 }  // namespace
 
-// Part 4.6, FunctionCallNode::check, steps 1 to 8. With no overloads at all (step 4) there is
-// no signature to hold the arguments against.
+// Checks the arguments first to last, then takes the first overload that fits them exactly, or
+// else the first that fits with images sampled. With no overloads at all there is no signature
+// to hold the arguments against. The used name is the function's with the overload's number.
 RCShdPtr<KelValue> FunctionCallNode::check(KelContext& context) {
     _overload = -1;
     std::vector<KelValuePtr> prototypes;
@@ -172,7 +178,7 @@ RCShdPtr<KelValue> FunctionCallNode::check(KelContext& context) {
     return prototypeOfResult(*this, context);
 }
 
-// Part 4.6 step 5: the overload taken, each image argument at a colour parameter is sampled.
+// The overload taken, each image argument at a colour parameter is sampled.
 void FunctionCallNode::resolveRelaxed(std::vector<KelValuePtr>& prototypes, KelContext& context) {
     _overload = firstFitting(_parameterTypes, prototypes, true);
     if (_overload == -1) context.raiseError("No overloaded function for '" + _name + "' match the argument list", _line);
@@ -181,7 +187,7 @@ void FunctionCallNode::resolveRelaxed(std::vector<KelValuePtr>& prototypes, KelC
         if (types[i] == Color && prototypes[i]->isType(Image)) prototypes[i] = wrapInSample(_arguments[i], _line, context);
 }
 
-// Part 4.6, the `sample` wrap: FunctionSample::declare gives the two overloads of step 2.
+// FunctionSample::declare gives the two overloads; the check picks `sample(image)`.
 RCShdPtr<KelValue> wrapInSample(KelNodePtr& child, int line, KelContext& context) {
     RCShdPtr<FunctionNode<FunctionSample>> sample(new FunctionNode<FunctionSample>("sample", line));
     sample->addArgument(child);

@@ -1,13 +1,11 @@
-// Part 4.1 Syntax tree node model; the node catalogue below is this header's table of contents.
-// Semantics: Part 4.2 (control flow: kelGraphControl.cpp), 4.3 (operator tables:
-// kelGraphOperators.cpp), 4.4 (unary and binary operators), 4.5 (assignment, variables,
-// literals), 4.6 (function declarations and calls). A node keeps `print`, `check` and `eval`
-// together. `check` may rewrite the tree (the implicit `sample` wrap); `eval` never writes to a
+// The syntax tree; the node classes below are this header's table of contents. Control flow is
+// in kelGraphControl.cpp, operators and their table in kelGraphOperators.cpp, assignment,
+// variables and literals in kelGraphVariables.cpp, declarations and calls in kelGraph.cpp. A
+// node keeps `print`, `check` and `eval` together. `check` may rewrite the tree (the implicit `sample` wrap); `eval` never writes to a
 // node, so one checked tree is shared by all tile threads.
 #pragma once
 
 #include <iostream>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -20,12 +18,37 @@ class StatementBlockNode;
 class ParameterNode;
 using KelNodePtr = RCShdPtr<KelSyntaxTree>;
 
+// ---- Operator codes -----------------------------------------------------------------------------
+
+// The binary operators. The order is that of the operator table in kelGraphOperators.cpp;
+// `None` stands for a text that is no operator. The four arithmetic operators are consecutive,
+// and so are the two equality tests: the colour tables are indexed from their first.
+enum class KelBinaryOp : int32_t {
+    None, Add, Subtract, Multiply, Divide, Equal, NotEqual, Or, And, Less, Greater, LessEqual, GreaterEqual, Comma,
+    Count
+};
+// "=", "+=", "-=", "*=", "/=", in the order of the assignment table in kelGraphVariables.cpp.
+// An unknown text is taken as `Set`.
+enum class KelAssignOp : int32_t { Set, Add, Subtract, Multiply, Divide, Count };
+
+// True when row i of `rows` is tagged with operator `first + i`: a table indexed by an
+// operator states its order, and a static_assert holds it to it.
+template <class Row, std::size_t N>
+constexpr bool kelRowsInOrder(const Row (&rows)[N], int first = 0) {
+    for (std::size_t i = 0; i < N; ++i)
+        if (int(rows[i].op) != first + int(i)) return false;
+    return true;
+}
+
+// The type of a declaration's type name: Float, Image or Color; 0 for any other text.
+int kelTypeNumber(const std::string& typeName);
+
 // The base of every node; instantiable, it is the empty statement.
 class KelSyntaxTree : public RCBase<LkCounter<int>>, public KelValueTypes {
 public:
     explicit KelSyntaxTree(int line = 0) : _line(line) {}
     ~KelSyntaxTree() override = default;
-    // Writes the node as script-like text (Part 4.1's print table); print() goes to stdout.
+    // Writes the node as script-like text; print() goes to stdout.
     virtual void print(std::ostream& out) const {}
     void print() const { print(std::cout); }
     virtual RCShdPtr<KelValue> eval(KelContext& context) const { return nullptr; }
@@ -36,7 +59,7 @@ protected:
     int32_t _line;
 };
 
-// ---- Part 4.2 ------------------------------------------------------------------------------
+// ---- Control flow -------------------------------------------------------------------------------
 
 class StatementBlockNode : public KelSyntaxTree {
 public:
@@ -98,7 +121,7 @@ private:
     KelBlockPtr _else;
 };
 
-// ---- Part 4.6: declarations ------------------------------------------------------------------
+// ---- Declarations -------------------------------------------------------------------------------
 
 class ParameterNode : public KelSyntaxTree {
 public:
@@ -108,7 +131,7 @@ public:
     int getType() const { return _type; }
     bool isOutput() const { return _direction == 1; }
     void print(std::ostream& out) const override;
-    RCShdPtr<KelValue> eval(KelContext& context) const override;  // aborts (Part 4.6)
+    RCShdPtr<KelValue> eval(KelContext& context) const override;  // aborts: bound by the interpreter
     RCShdPtr<KelValue> check(KelContext& context) override;
 
 private:
@@ -129,14 +152,14 @@ public:
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
 
-    std::vector<KelParameterPtr> _parameters;  // last declared first (Part 3.3)
+    std::vector<KelParameterPtr> _parameters;  // last declared first (the parser's stack order)
 
 private:
     std::string _name;
     KelBlockPtr _body;
 };
 
-// ---- Part 4.4 ------------------------------------------------------------------------------
+// ---- Operator nodes -----------------------------------------------------------------------------
 
 class UnaryOpNode : public KelSyntaxTree {
 public:
@@ -159,13 +182,13 @@ public:
     RCShdPtr<KelValue> check(KelContext& context) override;
 
 private:
-    int32_t _op;  // Part 4.3 binaryOperators
+    KelBinaryOp _op;
     std::string _operator;
     KelNodePtr _left;
     KelNodePtr _right;
 };
 
-// ---- Part 4.5 ------------------------------------------------------------------------------
+// ---- Assignment, variables, literals ------------------------------------------------------------
 
 class AssignNode : public KelSyntaxTree {
 public:
@@ -178,7 +201,7 @@ public:
 private:
     std::string _name;
     std::string _operator;
-    int32_t _op;  // Part 4.3 assignOperators
+    KelAssignOp _op;
     KelNodePtr _value;
     int32_t _id = -1;
     int32_t _checkConst;
@@ -234,7 +257,7 @@ private:
     float _value;
 };
 
-// ---- Part 4.6: calls -------------------------------------------------------------------------
+// ---- Calls --------------------------------------------------------------------------------------
 
 // Abstract: only FunctionNode<F> instances occur in a tree.
 class FunctionCallNode : public KelSyntaxTree {
@@ -257,7 +280,8 @@ public:
     RCShdPtr<KelValue> check(KelContext& context) override;
 
 protected:
-    // Part 4.6 step 5: the relaxed pass and its `sample` wraps.
+    // The second pass of overload resolution, where an image fits a colour parameter through
+    // a `sample` wrap.
     void resolveRelaxed(std::vector<RCShdPtr<KelValue>>& prototypes, KelContext& context);
 
     std::string _name;
@@ -269,7 +293,7 @@ protected:
 };
 using KelCallPtr = RCShdPtr<FunctionCallNode>;
 
-// One class per built-in F (Part 3.4). F supplies the signature and the evaluation:
+// One class per built-in F (kelFunctions.h). F supplies the signature and the evaluation:
 //   static void declare(FunctionCallNode& node);   // addOverloadParameter / setReturnType
 //   static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
 template <class F>
@@ -279,36 +303,8 @@ public:
     RCShdPtr<KelValue> eval(KelContext& context) const override { return F::eval(*this, context); }
 };
 
-// Part 4.6, the implicit `sample` wrap: replaces `child` by sample(child) made at `line`,
+// The implicit `sample` wrap: replaces `child` by sample(child) made at `line`,
 // checks the new node and returns its prototype (a colour).
 RCShdPtr<KelValue> wrapInSample(KelNodePtr& child, int line, KelContext& context);
-
-// ---- Part 4.3: operator tables -----------------------------------------------------------------
-
-struct KelOperatorTables {
-    using BinaryFloat = void (*)(IxScanline<float>&, const IxScanline<float>&, const IxScanline<float>&, const GeInterval<int>*);
-    using BinaryColor = void (*)(IxScanline<Color>&, const IxScanline<Color>&, const IxScanline<Color>&, const GeInterval<int>*);
-    using BinaryFloatColor = void (*)(IxScanline<Color>&, const IxScanline<float>&, const IxScanline<Color>&, const GeInterval<int>*);
-    using BinaryColorFloat = void (*)(IxScanline<Color>&, const IxScanline<Color>&, const IxScanline<float>&, const GeInterval<int>*);
-    using CompareColor = void (*)(IxScanline<float>&, const IxScanline<Color>&, const IxScanline<Color>&, const GeInterval<int>*);
-    using AssignFloat = void (*)(IxScanline<float>&, const IxScanline<float>&, const IxScanline<float>*, const GeInterval<int>*);
-    using AssignColor = void (*)(IxScanline<Color>&, const IxScanline<Color>&, const IxScanline<float>*, const GeInterval<int>*);
-    using AssignColorFloat = void (*)(IxScanline<Color>&, const IxScanline<float>&, const IxScanline<float>*, const GeInterval<int>*);
-
-    static std::map<std::string, int> assignOperators;
-    static std::map<std::string, int> binaryOperators;
-    static std::map<std::string, int> typeNames;
-    static std::map<int, BinaryFloat> floatOperations;
-    static std::map<int, BinaryColor> colorOperations;
-    static std::map<int, BinaryFloatColor> floatColorOperations;
-    static std::map<int, BinaryColorFloat> colorFloatOperations;
-    static std::map<int, CompareColor> colorCompareOperations;
-    static std::map<int, AssignFloat> floatAssignOperations;
-    static std::map<int, AssignColor> colorAssignOperations;
-    static std::map<int, AssignColorFloat> colorFloatAssignOperations;
-
-    // Builds all eleven, in the order above (Part 6.1 step 4).
-    static void build();
-};
 
 }  // namespace Zt

@@ -1,4 +1,4 @@
-// Part 4.2: control-flow evaluation. A condition is a whole scanline, so `if`, `while` and `for`
+// Control flow. A condition is a whole scanline, so `if`, `while` and `for`
 // don't branch: they narrow the context's KelMask, run their statements (which store only at the
 // active columns), and restore the mask as it was on entry. StatementBlockNode is the sequence
 // and the only general scope (a scope exists only during `check`).
@@ -8,7 +8,7 @@ namespace Zt {
 
 namespace {
 
-// Part 4.2: a condition must be a KelType<float> of type Float; void, colour and image fail.
+// A condition must be a KelType<float> of type Float; void, colour and image fail.
 void checkCondition(const KelNodePtr& condition, KelContext& context, const char* message, int line) {
     KelValuePtr prototype = condition->check(context);
     if (!dynamic_cast<KelType<float>*>(prototype.get()) || !prototype->isType(KelValueTypes::Float))
@@ -19,14 +19,14 @@ KelFloatPtr evalCondition(const KelNodePtr& condition, KelContext& context) {
     return rcStaticCast<KelFloat>(condition->eval(context));
 }
 
-// A deliberate difference from the spec (a project decision): each pass of a loop is a
-// cancellation point, so that a script that loops for ever can still be cancelled by the host.
+// Each pass of a loop is a cancellation point, so that a script that loops for ever can still be
+// cancelled by the host.
 // Throws ExCancelled.
 void checkCancelled() { PxRequestMgr::getInstance().checkRequest(); }
 
 }  // namespace
 
-// ---- StatementBlockNode ----------------------------------------------------------------------
+// ---- StatementBlockNode -------------------------------------------------------------------------
 
 StatementBlockNode::StatementBlockNode(int line) : KelSyntaxTree(line) {}
 
@@ -49,7 +49,7 @@ RCShdPtr<KelValue> StatementBlockNode::check(KelContext& context) {
     return nullptr;
 }
 
-// ---- IfNode ------------------------------------------------------------------------------------
+// ---- IfNode -------------------------------------------------------------------------------------
 
 IfNode::IfNode(const KelNodePtr& condition, const KelBlockPtr& thenBlock, int line)
     : KelSyntaxTree(line), _condition(condition), _then(thenBlock) {}
@@ -66,7 +66,7 @@ void IfNode::print(std::ostream& out) const {
     out << "\n";
 }
 
-// Part 4.2: the condition is evaluated once, and a change to its variables inside `_then` does
+// The condition is evaluated once, and a change to its variables inside `_then` does
 // not affect which pixels `_else` sees. A writable condition value is a variable's own object
 // (`if (a)`, `if (a = b)`, `if (++a)`), so with an `_else` it is copied first; a const one (a
 // temporary, a literal, an input) cannot change. Neither branch is skipped on an empty mask.
@@ -96,7 +96,7 @@ RCShdPtr<KelValue> IfNode::check(KelContext& context) {
     return nullptr;
 }
 
-// ---- WhileNode ---------------------------------------------------------------------------------
+// ---- WhileNode ----------------------------------------------------------------------------------
 
 WhileNode::WhileNode(const KelNodePtr& condition, const KelBlockPtr& body, int line)
     : KelSyntaxTree(line), _condition(condition), _body(body) {}
@@ -108,7 +108,7 @@ void WhileNode::print(std::ostream& out) const {
     _body->print(out);
 }
 
-// Part 4.2: the narrowing accumulates over the passes; the loop ends when no pixel is active.
+// The narrowing accumulates over the passes; the loop ends when no pixel is active.
 RCShdPtr<KelValue> WhileNode::eval(KelContext& context) const {
     KelSavedMask saved(context);
     for (;;) {
@@ -127,14 +127,14 @@ RCShdPtr<KelValue> WhileNode::check(KelContext& context) {
     return nullptr;
 }
 
-// ---- ForNode -----------------------------------------------------------------------------------
+// ---- ForNode ------------------------------------------------------------------------------------
 
 ForNode::ForNode(const KelNodePtr& init, const KelNodePtr& condition, const KelNodePtr& increment, const KelBlockPtr& body,
                  int line)
     : KelSyntaxTree(line), _init(init), _condition(condition), _increment(increment), _body(body) {}
 
-// Part 4.1: `_init` and `_increment` are dereferenced unconditionally, so printing a `for`
-// without them throws the null-pointer exception.
+// `_init` and `_increment` are dereferenced unconditionally, so printing a `for` without them
+// throws the null-pointer exception; kept so, since print is only a debugging aid.
 void ForNode::print(std::ostream& out) const {
     out << "for ( ";
     _init->print(out);
@@ -146,7 +146,7 @@ void ForNode::print(std::ostream& out) const {
     _body->print(out);
 }
 
-// Part 4.2: `_init` runs under the unnarrowed mask, `_increment` under the narrowed one.
+// `_init` runs under the unnarrowed mask, `_increment` under the narrowed one.
 RCShdPtr<KelValue> ForNode::eval(KelContext& context) const {
     if (_init) _init->eval(context);
     KelSavedMask saved(context);
@@ -161,7 +161,7 @@ RCShdPtr<KelValue> ForNode::eval(KelContext& context) const {
     return nullptr;
 }
 
-// Part 4.2: the body is checked before the increment, so the increment cannot see the body's
+// The body is checked before the increment, so the increment cannot see the body's
 // declarations; those of `_init` end with the `for`.
 RCShdPtr<KelValue> ForNode::check(KelContext& context) {
     context.pushScope();

@@ -1,95 +1,103 @@
-// Parts 4.3 and 4.4: the eleven operator tables, and the unary and binary operator nodes.
-// The name tables turn the scanner's texts into numbers; the dispatch tables turn an operator
-// number, for one combination of operand types, into the IxScanlineUtil operation over a whole
-// scanline. BinaryOpNode and AssignNode (kelGraphVariables.cpp) hold no per-operator code.
+// The unary and binary operator nodes, and the table that gives each binary operator its text
+// and, for each pair of operand types it accepts, the IxScanlineUtil operation that computes it
+// over a whole scanline. BinaryOpNode holds no per-operator code: adding an operator is a row
+// here and a rule in the grammar.
 #include "kelGraph.h"
+
+#include <iterator>
 
 namespace Zt {
 
-// ---- Part 4.3: the tables ------------------------------------------------------------------
+namespace {
 
-std::map<std::string, int> KelOperatorTables::assignOperators;
-std::map<std::string, int> KelOperatorTables::binaryOperators;
-std::map<std::string, int> KelOperatorTables::typeNames;
-std::map<int, KelOperatorTables::BinaryFloat> KelOperatorTables::floatOperations;
-std::map<int, KelOperatorTables::BinaryColor> KelOperatorTables::colorOperations;
-std::map<int, KelOperatorTables::BinaryFloatColor> KelOperatorTables::floatColorOperations;
-std::map<int, KelOperatorTables::BinaryColorFloat> KelOperatorTables::colorFloatOperations;
-std::map<int, KelOperatorTables::CompareColor> KelOperatorTables::colorCompareOperations;
-std::map<int, KelOperatorTables::AssignFloat> KelOperatorTables::floatAssignOperations;
-std::map<int, KelOperatorTables::AssignColor> KelOperatorTables::colorAssignOperations;
-std::map<int, KelOperatorTables::AssignColorFloat> KelOperatorTables::colorFloatAssignOperations;
+using U = IxScanlineUtil;
+using F = float;
+using C = Zt::Color;
+using Op = KelBinaryOp;
+using Limit = const GeInterval<int>*;
 
-// Part 4.3, in its order. `C` is the colour of the spec's tables.
-void KelOperatorTables::build() {
-    using U = IxScanlineUtil;
-    using C = Zt::Color;
-    // clang-format off
-    assignOperators = {{"=", 0}, {"+=", 1}, {"-=", 2}, {"*=", 3}, {"/=", 4}};
-    binaryOperators = {{"+", 1},   {"-", 2},   {"*", 3},  {"/", 4},  {"==", 5},  {"!=", 6}, {"||", 7},
-                       {"&&", 8},  {"<", 9},   {">", 10}, {"<=", 11}, {">=", 12}, {",", 13}};
-    typeNames = {{"float", 1}, {"image", 3}, {"color", 4}};
-    floatOperations = {
-        {1,  U::addScanlines<float, float, float>},
-        {2,  U::subtractScanlines<float, float, float>},
-        {3,  U::multiplyScanlines<float, float, float>},
-        {4,  U::divideScanlines<float, float, float>},
-        {5,  U::equalScanlines<float>},
-        {6,  U::notEqualScanlines<float>},
-        {7,  U::orScanlines},
-        {8,  U::andScanlines},
-        {9,  U::lessThanScanlines},
-        {10, U::greaterThanScanlines},
-        {11, U::lessEqScanlines},
-        {12, U::greaterEqScanlines},
-    };
-    colorOperations = {
-        {1, U::addScanlines<C, C, C>},
-        {2, U::subtractScanlines<C, C, C>},
-        {3, U::multiplyScanlines<C, C, C>},
-        {4, U::divideScanlines<C, C, C>},
-    };
-    floatColorOperations = {
-        {1, U::addScanlines<C, float, C>},
-        {2, U::subtractScanlines<C, float, C>},
-        {3, U::multiplyScanlines<C, float, C>},
-        {4, U::divideScanlines<C, float, C>},
-    };
-    colorFloatOperations = {
-        {1, U::addScanlines<C, C, float>},
-        {2, U::subtractScanlines<C, C, float>},
-        {3, U::multiplyScanlines<C, C, float>},
-        {4, U::divideScanlines<C, C, float>},
-    };
-    colorCompareOperations = {
-        {5, U::equalScanlines<C>},
-        {6, U::notEqualScanlines<C>},
-    };
-    floatAssignOperations = {
-        {0, U::copyIf<float, float>},
-        {1, U::accumulateScanline<float, float>},
-        {2, U::decrementScanline<float, float>},
-        {3, U::mulAssignScanline<float, float>},
-        {4, U::divAssignScanline<float, float>},
-    };
-    colorAssignOperations = {
-        {0, U::copyIf<C, C>},
-        {1, U::accumulateScanline<C, C>},
-        {2, U::decrementScanline<C, C>},
-        {3, U::mulAssignScanline<C, C>},
-        {4, U::divAssignScanline<C, C>},
-    };
-    colorFloatAssignOperations = {
-        {0, U::copyIf<C, float>},
-        {1, U::accumulateScanline<C, float>},
-        {2, U::decrementScanline<C, float>},
-        {3, U::mulAssignScanline<C, float>},
-        {4, U::divAssignScanline<C, float>},
-    };
-    // clang-format on
+using BinaryFloat = void (*)(IxScanline<F>&, const IxScanline<F>&, const IxScanline<F>&, Limit);
+using BinaryColor = void (*)(IxScanline<C>&, const IxScanline<C>&, const IxScanline<C>&, Limit);
+using BinaryFloatColor = void (*)(IxScanline<C>&, const IxScanline<F>&, const IxScanline<C>&, Limit);
+using BinaryColorFloat = void (*)(IxScanline<C>&, const IxScanline<C>&, const IxScanline<F>&, Limit);
+using CompareColor = void (*)(IxScanline<F>&, const IxScanline<C>&, const IxScanline<C>&, Limit);
+
+// Every binary operator with its float operation (null: `,`, which yields its right operand,
+// and `None`, which no script reaches).
+struct BinaryOperator {
+    Op op;
+    const char* text;
+    BinaryFloat floats;
+};
+// clang-format off
+constexpr BinaryOperator kBinaryOperators[] = {
+    {Op::None,         "",   nullptr},
+    {Op::Add,          "+",  U::addScanlines<F, F, F>},
+    {Op::Subtract,     "-",  U::subtractScanlines<F, F, F>},
+    {Op::Multiply,     "*",  U::multiplyScanlines<F, F, F>},
+    {Op::Divide,       "/",  U::divideScanlines<F, F, F>},
+    {Op::Equal,        "==", U::equalScanlines<F>},
+    {Op::NotEqual,     "!=", U::notEqualScanlines<F>},
+    {Op::Or,           "||", U::orScanlines},
+    {Op::And,          "&&", U::andScanlines},
+    {Op::Less,         "<",  U::lessThanScanlines},
+    {Op::Greater,      ">",  U::greaterThanScanlines},
+    {Op::LessEqual,    "<=", U::lessEqScanlines},
+    {Op::GreaterEqual, ">=", U::greaterEqScanlines},
+    {Op::Comma,        ",",  nullptr},
+};
+// clang-format on
+static_assert(std::size(kBinaryOperators) == std::size_t(Op::Count), "one row per binary operator");
+static_assert(kelRowsInOrder(kBinaryOperators), "rows in the order of KelBinaryOp");
+
+// The arithmetic operators on colours: colour and colour, float and colour, colour and float.
+// Any other operator with a colour operand is refused by the check.
+struct ColorArithmetic {
+    Op op;
+    BinaryColor colors;
+    BinaryFloatColor floatColor;
+    BinaryColorFloat colorFloat;
+};
+// clang-format off
+constexpr ColorArithmetic kColorArithmetic[] = {
+    {Op::Add,      U::addScanlines<C, C, C>,      U::addScanlines<C, F, C>,      U::addScanlines<C, C, F>},
+    {Op::Subtract, U::subtractScanlines<C, C, C>, U::subtractScanlines<C, F, C>, U::subtractScanlines<C, C, F>},
+    {Op::Multiply, U::multiplyScanlines<C, C, C>, U::multiplyScanlines<C, F, C>, U::multiplyScanlines<C, C, F>},
+    {Op::Divide,   U::divideScanlines<C, C, C>,   U::divideScanlines<C, F, C>,   U::divideScanlines<C, C, F>},
+};
+// clang-format on
+static_assert(kelRowsInOrder(kColorArithmetic, int(Op::Add)), "rows in the order of KelBinaryOp from Add");
+
+// The equality tests, the only comparisons defined between two colours (all four channels).
+struct ColorComparison {
+    Op op;
+    CompareColor colors;
+};
+constexpr ColorComparison kColorComparisons[] = {
+    {Op::Equal,    U::equalScanlines<C>},
+    {Op::NotEqual, U::notEqualScanlines<C>},
+};
+static_assert(kelRowsInOrder(kColorComparisons, int(Op::Equal)), "rows in the order of KelBinaryOp from Equal");
+
+bool isColorArithmetic(Op op) { return op >= Op::Add && op <= Op::Divide; }
+bool isComparison(Op op) { return op == Op::Equal || op == Op::NotEqual; }
+
+Op binaryOperator(const std::string& text) {
+    for (const BinaryOperator& row : kBinaryOperators)
+        if (row.op != Op::None && text == row.text) return row.op;
+    return Op::None;
 }
 
-// ---- Part 4.4: unary operators ---------------------------------------------------------------
+// The check refuses every operand pair without an operation, so a null one is a program fault.
+template <class Fn>
+Fn operation(Fn fn) {
+    if (fn == nullptr) Assertions::throwAssertionFailed("tools/kel/src/kelGraphOperators", __LINE__, "operator in table");
+    return fn;
+}
+
+}  // namespace
+
+// ---- Unary operators ----------------------------------------------------------------------------
 
 namespace {
 
@@ -111,7 +119,7 @@ void storeIncrement(const std::string& op, KelType<T>& v, KelContext& context) {
     else IxScanlineUtil::decrementScanline(v.getScanline(), one->getScanline(), m.activeScanline(), m.activeSpan());
 }
 
-// Part 4.4's unary table for one kind T of scanline. "!" occurs on floats only (check).
+// The unary operators for one kind T of scanline. "!" occurs on floats only (check).
 template <class T>
 RCShdPtr<KelValue> applyUnary(const std::string& op, const RCShdPtr<KelType<T>>& v, KelContext& context) {
     if (op == "+") return v;
@@ -151,7 +159,8 @@ RCShdPtr<KelValue> UnaryOpNode::eval(KelContext& context) const {
     return nullptr;
 }
 
-// Part 4.4, steps 1 to 8. A `sample` wrap gives a temporary, which is const: `++image` fails.
+// An image operand is sampled first. A `sample` wrap gives a temporary, which is const: `++image`
+// fails.
 RCShdPtr<KelValue> UnaryOpNode::check(KelContext& context) {
     KelValuePtr prototype = _operand->check(context);
     if (!prototype) context.raiseError("void unary operation is not defined", _line);
@@ -165,45 +174,29 @@ RCShdPtr<KelValue> UnaryOpNode::check(KelContext& context) {
     return context.newFloat(0);
 }
 
-// ---- Part 4.4: binary operators --------------------------------------------------------------
+// ---- Binary operators ---------------------------------------------------------------------------
 
 namespace {
 
-constexpr int kComma = 13;
-bool isComparison(int op) { return op == 5 || op == 6; }
-
-// Part 4.3: a reader never inserts; `check` guarantees the number is present.
-template <class Fn>
-Fn dispatch(const std::map<int, Fn>& table, int op) {
-    auto it = table.find(op);
-    if (it == table.end()) Assertions::throwAssertionFailed("tools/kel/src/kelGraphOperators", __LINE__, "operator in table");
-    return it->second;
-}
-
-RCShdPtr<KelValue> evalColorArithmetic(int op, const KelValuePtr& left, const KelValuePtr& right, KelContext& context) {
-    using T = KelOperatorTables;
+RCShdPtr<KelValue> evalColorArithmetic(Op op, const KelValuePtr& left, const KelValuePtr& right, KelContext& context) {
+    if (!isColorArithmetic(op)) Assertions::throwAssertionFailed("tools/kel/src/kelGraphOperators", __LINE__, "operator in table");
+    const ColorArithmetic& row = kColorArithmetic[int(op) - int(Op::Add)];
     KelColorPtr result = context.newColor(0);
     IxScanline<Zt::Color>& out = result->getScanline();
     const GeInterval<int>* span = context.getMask().activeSpan();
     if (!left->isType(KelValueTypes::Color))
-        dispatch(T::floatColorOperations, op)(out, rcStaticCast<KelFloat>(left)->getScanline(),
-                                              rcStaticCast<KelColor>(right)->getScanline(), span);
+        row.floatColor(out, rcStaticCast<KelFloat>(left)->getScanline(), rcStaticCast<KelColor>(right)->getScanline(), span);
     else if (!right->isType(KelValueTypes::Color))
-        dispatch(T::colorFloatOperations, op)(out, rcStaticCast<KelColor>(left)->getScanline(),
-                                              rcStaticCast<KelFloat>(right)->getScanline(), span);
+        row.colorFloat(out, rcStaticCast<KelColor>(left)->getScanline(), rcStaticCast<KelFloat>(right)->getScanline(), span);
     else
-        dispatch(T::colorOperations, op)(out, rcStaticCast<KelColor>(left)->getScanline(),
-                                         rcStaticCast<KelColor>(right)->getScanline(), span);
+        row.colors(out, rcStaticCast<KelColor>(left)->getScanline(), rcStaticCast<KelColor>(right)->getScanline(), span);
     return result;
 }
 
 }  // namespace
 
 BinaryOpNode::BinaryOpNode(const std::string& op, const KelNodePtr& left, const KelNodePtr& right, int line)
-    : KelSyntaxTree(line), _op(0), _operator(op), _left(left), _right(right) {
-    auto it = KelOperatorTables::binaryOperators.find(op);
-    if (it != KelOperatorTables::binaryOperators.end()) _op = it->second;
-}
+    : KelSyntaxTree(line), _op(binaryOperator(op)), _operator(op), _left(left), _right(right) {}
 
 void BinaryOpNode::print(std::ostream& out) const {
     out << "( ";
@@ -213,30 +206,31 @@ void BinaryOpNode::print(std::ostream& out) const {
     out << " )";
 }
 
-// Part 4.4: both sides always run ("&&" and "||" don't short-circuit); the mask plays no part
+// Both sides always run ("&&" and "||" don't short-circuit); the mask plays no part
 // but for the fast path of KelMask::activeSpan: columns outside it are not computed.
 RCShdPtr<KelValue> BinaryOpNode::eval(KelContext& context) const {
     KelValuePtr left = _left->eval(context);
     KelValuePtr right = _right->eval(context);
-    if (_op == kComma) return right;
+    if (_op == Op::Comma) return right;
     bool leftColor = left->isType(Color), rightColor = right->isType(Color);
     if ((leftColor || rightColor) && !isComparison(_op)) return evalColorArithmetic(_op, left, right, context);
     KelFloatPtr result = context.newFloat(0);
     const GeInterval<int>* span = context.getMask().activeSpan();
     if (leftColor && rightColor)
-        dispatch(KelOperatorTables::colorCompareOperations, _op)(result->getScanline(), rcStaticCast<KelColor>(left)->getScanline(),
-                                                                 rcStaticCast<KelColor>(right)->getScanline(), span);
+        operation(kColorComparisons[int(_op) - int(Op::Equal)].colors)(
+            result->getScanline(), rcStaticCast<KelColor>(left)->getScanline(), rcStaticCast<KelColor>(right)->getScanline(), span);
     else
-        dispatch(KelOperatorTables::floatOperations, _op)(result->getScanline(), rcStaticCast<KelFloat>(left)->getScanline(),
-                                                          rcStaticCast<KelFloat>(right)->getScanline(), span);
+        operation(kBinaryOperators[int(_op)].floats)(result->getScanline(), rcStaticCast<KelFloat>(left)->getScanline(),
+                                                     rcStaticCast<KelFloat>(right)->getScanline(), span);
     return result;
 }
 
-// Part 4.4, steps 1 to 7.
+// Image operands are sampled; `==` and `!=` need two operands of one type; a colour operand
+// takes only the arithmetic operators and the equality tests.
 RCShdPtr<KelValue> BinaryOpNode::check(KelContext& context) {
     KelValuePtr left = _left->check(context);
     KelValuePtr right = _right->check(context);
-    if (_op == kComma) return right;
+    if (_op == Op::Comma) return right;
     if (!left || !right) context.raiseError("void binary operation is not defined", _line);
     if (left->isType(Image)) left = wrapInSample(_left, _line, context);
     if (right->isType(Image)) right = wrapInSample(_right, _line, context);
@@ -244,7 +238,7 @@ RCShdPtr<KelValue> BinaryOpNode::check(KelContext& context) {
         context.raiseError("Operator " + _operator + " is not valid between different type", _line);
     if (left->isType(Color) || right->isType(Color)) {
         if (isComparison(_op)) return context.newFloat(0);
-        if (_op >= 1 && _op <= 4) return context.newColor(0);
+        if (isColorArithmetic(_op)) return context.newColor(0);
         context.raiseError("Operator " + _operator + " not valid on color type", _line);
     }
     return context.newFloat(0);

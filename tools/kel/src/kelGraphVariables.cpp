@@ -1,36 +1,63 @@
-// Part 4.5: assignment, variables and literals. A variable is one long-lived writable value in
+// Assignment, variables and literals, and the table of assignment operators. A variable is one long-lived writable value in
 // a slot of the KelContext, addressed by the id that `check` gave it; an assignment stores into
 // its scanline at the active columns only, which is how control flow reaches the pixels.
 #include "kelGraph.h"
+
+#include <iterator>
 
 namespace Zt {
 
 namespace {
 
-int lookUp(const std::map<std::string, int>& table, const std::string& text) {
-    auto it = table.find(text);
-    return it == table.end() ? 0 : it->second;
-}
+using U = IxScanlineUtil;
+using F = float;
+using C = Zt::Color;
+using Assign = KelAssignOp;
+using Mask = const IxScanline<float>*;
+using Limit = const GeInterval<int>*;
 
-// Part 4.3: a reader never inserts; `check` guarantees the number is present.
-template <class Fn>
-Fn assignOperation(const std::map<int, Fn>& table, int op) {
-    auto it = table.find(op);
-    if (it == table.end()) Assertions::throwAssertionFailed("tools/kel/src/kelGraphVariables", __LINE__, "operator in table");
-    return it->second;
+using AssignFloat = void (*)(IxScanline<F>&, const IxScanline<F>&, Mask, Limit);
+using AssignColor = void (*)(IxScanline<C>&, const IxScanline<C>&, Mask, Limit);
+using AssignColorFloat = void (*)(IxScanline<C>&, const IxScanline<F>&, Mask, Limit);
+
+// Each assignment operator with its masked store into a float (or an image's ids), a colour
+// from a colour, and a colour from a float (all four channels).
+struct AssignOperator {
+    Assign op;
+    const char* text;
+    AssignFloat floats;
+    AssignColor colors;
+    AssignColorFloat colorFloat;
+};
+// clang-format off
+constexpr AssignOperator kAssignOperators[] = {
+    {Assign::Set,      "=",  U::copyIf<F, F>,             U::copyIf<C, C>,             U::copyIf<C, F>},
+    {Assign::Add,      "+=", U::accumulateScanline<F, F>, U::accumulateScanline<C, C>, U::accumulateScanline<C, F>},
+    {Assign::Subtract, "-=", U::decrementScanline<F, F>,  U::decrementScanline<C, C>,  U::decrementScanline<C, F>},
+    {Assign::Multiply, "*=", U::mulAssignScanline<F, F>,  U::mulAssignScanline<C, C>,  U::mulAssignScanline<C, F>},
+    {Assign::Divide,   "/=", U::divAssignScanline<F, F>,  U::divAssignScanline<C, C>,  U::divAssignScanline<C, F>},
+};
+// clang-format on
+static_assert(std::size(kAssignOperators) == std::size_t(Assign::Count), "one row per assignment operator");
+static_assert(kelRowsInOrder(kAssignOperators), "rows in the order of KelAssignOp");
+
+Assign assignOperator(const std::string& text) {
+    for (const AssignOperator& row : kAssignOperators)
+        if (text == row.text) return row.op;
+    return Assign::Set;
 }
 
 const Zt::Color kOpaqueBlack{0.0f, 0.0f, 0.0f, 1.0f};
 
 }  // namespace
 
-// ---- AssignNode --------------------------------------------------------------------------------
+// ---- AssignNode ---------------------------------------------------------------------------------
 
 AssignNode::AssignNode(const std::string& name, const std::string& op, const KelNodePtr& value, int line, int checkConst)
     : KelSyntaxTree(line),
       _name(name),
       _operator(op),
-      _op(lookUp(KelOperatorTables::assignOperators, op)),
+      _op(assignOperator(op)),
       _value(value),
       _checkConst(checkConst) {}
 
@@ -39,9 +66,9 @@ void AssignNode::print(std::ostream& out) const {
     _value->print(out);
 }
 
-// Part 4.5: the value is computed over all pixels; only the store is masked.
+// The value is computed over all pixels; only the store is masked.
 RCShdPtr<KelValue> AssignNode::eval(KelContext& context) const {
-    using T = KelOperatorTables;
+    const AssignOperator& row = kAssignOperators[int(_op)];
     KelValuePtr value = _value->eval(context);
     KelValuePtr variable = context.getVariable(_id);
     const IxScanline<float>* mask = context.getMask().activeScanline();
@@ -49,21 +76,20 @@ RCShdPtr<KelValue> AssignNode::eval(KelContext& context) const {
     const GeInterval<int>* span = context.getMask().activeSpan();
     if (!variable->isType(Color)) {
         // Float from float, or image from image: an image's scanline holds ids, copied per pixel.
-        assignOperation(T::floatAssignOperations, _op)(rcStaticCast<KelFloat>(variable)->getScanline(),
-                                                       rcStaticCast<KelFloat>(value)->getScanline(), mask, span);
+        row.floats(rcStaticCast<KelFloat>(variable)->getScanline(), rcStaticCast<KelFloat>(value)->getScanline(), mask, span);
     } else if (value->isType(Color)) {
-        assignOperation(T::colorAssignOperations, _op)(rcStaticCast<KelColor>(variable)->getScanline(),
-                                                       rcStaticCast<KelColor>(value)->getScanline(), mask, span);
+        row.colors(rcStaticCast<KelColor>(variable)->getScanline(), rcStaticCast<KelColor>(value)->getScanline(), mask, span);
     } else {
-        assignOperation(T::colorFloatAssignOperations, _op)(rcStaticCast<KelColor>(variable)->getScanline(),
-                                                            rcStaticCast<KelFloat>(value)->getScanline(), mask, span);
+        row.colorFloat(rcStaticCast<KelColor>(variable)->getScanline(), rcStaticCast<KelFloat>(value)->getScanline(), mask,
+                       span);
     }
     variable->setUniform(false);
     return variable;
 }
 
-// Part 4.5, steps 1 to 7. The name is looked up before the value is tested for void, and an
-// assignment is no use of the name (no addUsedName).
+// The value is checked first, then the name is looked up before the value is tested for void
+// (the messages come in that order), and an assignment is no use of the name (no addUsedName).
+// An image takes only `=` from an image; a colour takes an image through a `sample` wrap.
 RCShdPtr<KelValue> AssignNode::check(KelContext& context) {
     KelValuePtr prototype = _value->check(context);
     _id = context.getVariableId(_name);
@@ -77,7 +103,7 @@ RCShdPtr<KelValue> AssignNode::check(KelContext& context) {
                 context.raiseError("Cannot assign a float with anything other than float", _line);
             break;
         case Image:
-            if (!prototype->isType(Image) || _op != 0)
+            if (!prototype->isType(Image) || _op != Assign::Set)
                 context.raiseError("Cannot assign a image with anything other than image", _line);
             break;
         case Color:
@@ -88,22 +114,23 @@ RCShdPtr<KelValue> AssignNode::check(KelContext& context) {
     return variable;
 }
 
-// ---- InitVarNode -------------------------------------------------------------------------------
+// ---- InitVarNode --------------------------------------------------------------------------------
 
 InitVarNode::InitVarNode(const std::string& typeName, const std::string& name, bool writable, int line)
     : KelSyntaxTree(line),
       _typeName(typeName),
-      _type(lookUp(KelOperatorTables::typeNames, typeName)),
+      _type(kelTypeNumber(typeName)),
       _name(name),
       _writable(writable ? 1 : 0) {}
 
-// Part 4.1: "const " is printed for the writable declaration; kept on purpose.
+// "const " is printed for the writable declaration (an inverted flag); kept so, since print is
+// only a debugging aid.
 void InitVarNode::print(std::ostream& out) const {
     if (_writable != 0) out << "const ";
     out << _typeName << " " << _name;
 }
 
-// Part 4.5: a reset takes no mask, so a declaration in a branch or a body clears all pixels
+// A reset takes no mask, so a declaration in a branch or a body clears all pixels
 // each time it runs. The first run in a tile context finds the slot empty and makes the value.
 RCShdPtr<KelValue> InitVarNode::eval(KelContext& context) const {
     KelValuePtr variable = context.getVariable(_id);
@@ -122,14 +149,14 @@ RCShdPtr<KelValue> InitVarNode::eval(KelContext& context) const {
     return variable;
 }
 
-// Part 4.5: the lookup runs through all open scopes, so no declaration shadows another.
+// The lookup runs through all open scopes, so no declaration shadows another.
 RCShdPtr<KelValue> InitVarNode::check(KelContext& context) {
     if (context.getVariableId(_name) != -1) context.raiseError("Variable already defined: " + _name, _line);
     _id = context.declareVariable(_name);
     return eval(context);
 }
 
-// ---- InitVarAssignNode ---------------------------------------------------------------------------
+// ---- InitVarAssignNode --------------------------------------------------------------------------
 
 // The AssignNode inside is made with checkConst 0, so that a const receives its initial value.
 InitVarAssignNode::InitVarAssignNode(const std::string& typeName, const std::string& name, const KelNodePtr& value,
@@ -152,7 +179,7 @@ RCShdPtr<KelValue> InitVarAssignNode::check(KelContext& context) {
     return _assign.check(context);
 }
 
-// ---- VariableNode ------------------------------------------------------------------------------
+// ---- VariableNode -------------------------------------------------------------------------------
 
 VariableNode::VariableNode(const std::string& name, int line) : KelSyntaxTree(line), _name(name) {}
 
@@ -168,7 +195,7 @@ RCShdPtr<KelValue> VariableNode::check(KelContext& context) {
     return context.getVariable(_id);
 }
 
-// ---- FloatLiteralNode ----------------------------------------------------------------------------
+// ---- FloatLiteralNode ---------------------------------------------------------------------------
 
 FloatLiteralNode::FloatLiteralNode(float value, int line) : KelSyntaxTree(line), _value(value) {}
 

@@ -1,7 +1,8 @@
-// Part 1.2: run info and tile evaluation. `eval` prepares one KelContext for a tile, binds the
-// node's parameters and input images to the script's variables, and runs `main` once per
-// scanline, writing the output variable's row into the tile. The steps are numbered as in the
-// spec; the five used-name lookups decide what work a tile pays for.
+// Running a compiled script over one tile. `eval` prepares one KelContext for the tile, binds the
+// node's numbers and input images to the script's parameters, and runs `main` once per row,
+// writing the output variable's row into the tile. Five used names (`t`, `x`, `y` and the two
+// forms of `sample`) decide what work a tile pays for; a tile pays nothing for what the script
+// does not read.
 #include "kelInterpreter.h"
 
 #include <algorithm>
@@ -12,7 +13,8 @@ namespace {
 
 const Color kOpaqueBlack{0.0f, 0.0f, 0.0f, 1.0f};
 
-// Part 1.2 step 4: the tile clipped by the definition rectangle, axis by axis.
+// The tile clipped by the definition rectangle, axis by axis: a tile outside it in one axis keeps
+// its extent in the other, with no width (or no height) at its own edge.
 GeRectangle<int> clipTile(const GeRectangle<int>& tile, const GeRectangle<int>& definition) {
     if (tile.isEmpty()) return tile;
     if (definition.isEmpty()) return {tile.xMin, tile.xMin, tile.yMin, tile.yMin};
@@ -24,7 +26,8 @@ GeRectangle<int> clipTile(const GeRectangle<int>& tile, const GeRectangle<int>& 
     return r;
 }
 
-// Part 1.2 step 16c: the nominal rectangle to the unit square, pixel centres included.
+// Maps the nominal rectangle onto the unit square where the sampler reads, shifted by half a
+// pixel so that position x reads the centre of pixel x. An empty side counts as one unit.
 GeAffineMatrix2<float> textureMatrix(const GeRectangle<float>& nominal) {
     float w = nominal.xMax - nominal.xMin;
     float h = nominal.yMax - nominal.yMin;
@@ -42,6 +45,192 @@ RCStrongPtr<IxScanline<Color>> newRow(const GeInterval<int>& columns, int mode, 
     return RCStrongPtr<IxScanline<Color>>(new IxScanline<Color>(columns, IxPaddingPolicy<Color>{mode, pad}));
 }
 
+// The used names that decide what a tile pays for.
+struct CostlyNames {
+    explicit CostlyNames(const KelRunInfo& run)
+        : time(uses(run, "t")), x(uses(run, "x")), y(uses(run, "y")), samplers(uses(run, "sample0")),
+          inputRows(uses(run, "sample1")) {}
+    static bool uses(const KelRunInfo& run, const char* name) { return run.usedNames.count(name) != 0; }
+
+    bool time;       // the result is valid at this time only
+    bool x, y;       // the coordinate rows are filled
+    bool samplers;   // sample(image, x, y): a linked sampler per input
+    bool inputRows;  // sample(image): each input's row y, read before the script runs on it
+};
+
+// One call of `eval`: the tile, the context the script runs in, and the values that pass between
+// them. The steps run in the order of `run`; each is one member function.
+class TileEvaluation {
+public:
+    TileEvaluation(const KelRunInfo& run, const PxRODResult& rod, const IxPixelFormat& format, const PxImageContext& context)
+        : _run(run),
+          _rod(rod),
+          _context(context),
+          _names(run),
+          _aspect(float(format.aspectNum) / float(format.aspectDen)),
+          _scale(1.0f / float(1 << context.scaleLevel)),
+          _definition(PxImageProtocol::nominalToPixelized(rod.rect, _aspect, _scale)),
+          _tile(new IxTile(format, clipTile(tileRectangle(context), _definition), Color::ZERO)),
+          _columns(_tile->getRect().xMin, _tile->getRect().xMax),
+          _kc(_columns, run.variableCount) {}
+
+    PxImageResult run(const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& params) {
+        _validity = validity();
+        _run.function->declareParameters(_kc);
+        addNoImageAndOutputEntries();
+        computeInputs(inputs);
+        bindParameters(inputs, params);
+        if (_names.samplers) linkSamplers();
+        makeOutputAndCoordinateRows();
+        runRows();
+        return PxImageResult(_tile, _validity);
+    }
+
+private:
+    static GeRectangle<int> tileRectangle(const PxImageContext& context) {
+        return PxImageProtocol::convertTilesToPixels(
+            GeRectangle<int>(context.tileX, context.tileX + 1, context.tileY, context.tileY + 1), context);
+    }
+
+    // What the frame range allows, narrowed to the current time when the script reads `t`.
+    PxValidityInterval validity() const {
+        if (_names.time) return PxValidityInterval(_context.time, 2, _context.time, 2);
+        PxValidityInterval validity = PxValidityInterval::getFull();
+        validity.begin = std::max(validity.begin, _rod.validity.begin);
+        validity.end = std::min(validity.end, _rod.validity.end);
+        return validity;
+    }
+
+    // Image id 0 is no image, id 1 the output (for getOutputImage and the image queries); both
+    // read as opaque black.
+    void addNoImageAndOutputEntries() {
+        for (int id = 0; id < 2; ++id) {
+            KelImageEntry entry;
+            if (id == 1) {
+                entry.nominalRect = _rod.rect;
+                entry.pixelRect = _definition;
+                entry.pixelAspectRatio = _aspect;
+            }
+            entry.scanline = newRow(_columns, IxPaddingPolicy<Color>::kPadWithValue, kOpaqueBlack);
+            IxScanlineUtil::set(*entry.scanline, kOpaqueBlack, nullptr);
+            _kc.addImage(entry);
+        }
+    }
+
+    // Every input is computed for every tile, used or not, and narrows the validity. The tile
+    // takes the first input's fill colour; without inputs it stays transparent black.
+    void computeInputs(const Vector<PxNodePtr<const PxImageProtocol>>& inputs) {
+        _inputTiles.reserve(inputs.size());
+        for (const auto& input : inputs) {
+            _inputTiles.push_back(input->getImage(_context));
+            _inputTiles.back().reduceVI(_validity);
+        }
+        if (!_inputTiles.empty()) _tile->setFillColor(_inputTiles.front().getFillColor());
+    }
+
+    // Float parameters take the node's numbers in order, image parameters the inputs in order
+    // (image id i + 2 for input i); the varying output parameter names the output variable.
+    void bindParameters(const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& params) {
+        std::size_t floatIndex = 0;
+        for (const PebParameterInfo& p : _run.getParams()) {
+            if (p.isOutput()) {
+                if (p.isVarying()) _outputName = p.getName();
+            } else if (p.getType() == PebInterpreterTypes::Float) {
+                // The controller gives as many numbers and inputs as the script has parameters;
+                // checked, since one past the end would read out of bounds.
+                if (floatIndex >= params.size()) Assertions::throwAssertionFailed(__FILE__, __LINE__, "floatIndex < params.size()");
+                _kc.setVariable(_kc.getVariableId(p.getName()), _kc.newConstantFloat(float(params[floatIndex++]), 0));
+            } else if (p.getType() == PebInterpreterTypes::Image) {
+                const std::size_t i = _inputCount++;
+                if (i >= inputs.size()) Assertions::throwAssertionFailed(__FILE__, __LINE__, "i < inputs.size()");
+                _kc.setVariable(_kc.getVariableId(p.getName()), _kc.newImage(float(i + 2), 0));
+                _kc.addImage(inputEntry(inputs[i], _inputTiles[i]));
+            }
+        }
+    }
+
+    // An input's geometry, with a sampler or a row when the script reads it that way.
+    KelImageEntry inputEntry(const PxNodePtr<const PxImageProtocol>& input, const PxImageResult& tile) const {
+        const PxImageFormat inputFormat = input->getFormat();
+        KelImageEntry entry;
+        entry.nominalRect = input->getROD(_context).rect;
+        entry.pixelAspectRatio = float(inputFormat.aspectNum) / float(inputFormat.aspectDen);
+        entry.pixelRect = PxImageProtocol::nominalToPixelized(entry.nominalRect, entry.pixelAspectRatio, _scale);
+        if (_names.samplers) {
+            SdTextureParams texture;
+            texture.textureMatrix = textureMatrix(entry.nominalRect);
+            texture.filterMode = 1;  // bilinear
+            texture.wrapModeS = 0;   // outside the image: its fill colour
+            texture.wrapModeT = 0;
+            entry.sampler = PxImageTexture(input, _context.timeScale(), texture).createSampler();
+        }
+        if (_names.inputRows) entry.scanline = newRow(_columns, IxPaddingPolicy<Color>::kPadWithFillColor, tile.getFillColor());
+        return entry;
+    }
+
+    // Each input's sampler is linked with every other, so that they share what they have read.
+    void linkSamplers() {
+        for (std::size_t i = 2; i < _kc.imageCount(); ++i)
+            for (std::size_t j = 2; j < _kc.imageCount(); ++j)
+                if (i != j) _kc.getImage(int(i)).sampler->linkSampler(_kc.getImage(int(j)).sampler);
+    }
+
+    // The output value lives through the tile. `x` and `y` are nominal coordinates: a column
+    // times the aspect ratio, both divided by the scale; `t` is the context's time.
+    void makeOutputAndCoordinateRows() {
+        const int outputId = _kc.getVariableId(_outputName);
+        _kc.setVariable(outputId, _kc.newColor(0));
+        _output = rcStaticCast<KelColor>(_kc.getVariable(outputId));
+        _yRow = &rcStaticCast<KelFloat>(_kc.getVariable(_kc.getVariableId("y")))->getScanline();
+        IxScanlineUtil::set(rcStaticCast<KelFloat>(_kc.getVariable(_kc.getVariableId("t")))->getScanline(), float(_context.time),
+                            nullptr);
+        if (_names.x) {
+            float* xs = rcStaticCast<KelFloat>(_kc.getVariable(_kc.getVariableId("x")))->getScanline().data();
+            for (int px = _columns.min; px < _columns.max; ++px) xs[px] = float(px) / _scale * _aspect;
+        }
+    }
+
+    // A tile outside the definition in x keeps its rows but has no columns: it runs no row.
+    void runRows() {
+        const GeRectangle<int>& rect = _tile->getRect();
+        const int rowEnd = rect.xMin < rect.xMax ? rect.yMax : rect.yMin;
+        PxRequestMgr& requests = PxRequestMgr::getInstance();
+        const IxWriteGuard writeGuard(_tile);
+        for (int y = rect.yMin; y < rowEnd; ++y) {
+            requests.checkRequest();
+            runRow(y);
+            _output->getScanline().writeTo(writeGuard, y);
+        }
+    }
+
+    // The output starts each row opaque black; the script sees row y of every input.
+    void runRow(int y) {
+        IxScanlineUtil::set(_output->getScanline(), kOpaqueBlack, nullptr);
+        if (_names.y) IxScanlineUtil::set(*_yRow, float(y) / _scale, nullptr);
+        if (_names.inputRows) {
+            for (std::size_t i = 0; i < _inputCount; ++i) _kc.getImage(int(i + 2)).scanline->readFrom(_inputTiles[i].getTileGuard(), y);
+        }
+        _run.function->eval(_kc);
+    }
+
+    const KelRunInfo& _run;
+    const PxRODResult& _rod;
+    const PxImageContext& _context;
+    const CostlyNames _names;
+    const float _aspect;
+    const float _scale;
+    const GeRectangle<int> _definition;  // the output's, in pixels at this scale
+    const RCShdPtr<IxTile> _tile;
+    const GeInterval<int> _columns;
+    KelContext _kc;
+    PxValidityInterval _validity;
+    std::vector<PxImageResult> _inputTiles;
+    std::size_t _inputCount = 0;  // image parameters bound, each to the input of its rank
+    std::string _outputName;
+    KelColorPtr _output;
+    IxScanline<float>* _yRow = nullptr;
+};
+
 }  // namespace
 
 RCShdPtr<PebRunInfo> KelInterpreter::createRunInfo(const Vector<PebParameterInfo>& params) const {
@@ -51,124 +240,8 @@ RCShdPtr<PebRunInfo> KelInterpreter::createRunInfo(const Vector<PebParameterInfo
 PxImageResult KelInterpreter::eval(const RCShdPtr<PebRunInfo>& runInfo, const Vector<PxNodePtr<const PxImageProtocol>>& inputs,
                                    const Vector<double>& params, const PxRODResult& rod, const IxPixelFormat& format,
                                    const PxImageContext& context) const {
-    // Steps 1 to 5: geometry.
-    const float aspect = float(format.aspectNum) / float(format.aspectDen);
-    const float scale = 1.0f / float(1 << context.scaleLevel);
-    const GeRectangle<int> tileRect = PxImageProtocol::convertTilesToPixels(
-        GeRectangle<int>(context.tileX, context.tileX + 1, context.tileY, context.tileY + 1), context);
-    const GeRectangle<int> definition = PxImageProtocol::nominalToPixelized(rod.rect, aspect, scale);
-    RCShdPtr<IxTile> tile(new IxTile(format, clipTile(tileRect, definition), Color::ZERO));
-    const int x0 = tile->getRect().xMin, x1 = tile->getRect().xMax;
-    const int y0 = tile->getRect().yMin, y1 = tile->getRect().yMax;
-
-    // Steps 6 to 9: what the run info asks for.
     RCShdPtr<KelRunInfo> info = rcCheckedCast<KelRunInfo>(runInfo);
-    const KelRunInfo& run = *info;
-    PxValidityInterval validity = PxValidityInterval::getFull();
-    validity.begin = std::max(validity.begin, rod.validity.begin);
-    validity.end = std::min(validity.end, rod.validity.end);
-    auto uses = [&run](const char* name) { return run.usedNames.count(name) != 0; };
-    const bool usesT = uses("t"), usesSample0 = uses("sample0"), usesSample1 = uses("sample1");
-    const bool usesY = uses("y"), usesX = uses("x");
-    if (usesT) validity = PxValidityInterval(context.time, 2, context.time, 2);
-
-    // Steps 10 to 12: the context, the parameters' ids, image rows 0 and 1.
-    const GeInterval<int> columns(x0, x1);
-    KelContext kc(columns, run.variableCount);
-    run.function->declareParameters(kc);
-    for (int row = 0; row < 2; ++row) {
-        KelImageEntry entry;
-        if (row == 1) {
-            entry.nominalRect = rod.rect;
-            entry.pixelRect = definition;
-            entry.pixelAspectRatio = aspect;
-        }
-        entry.scanline = newRow(columns, 4, kOpaqueBlack);
-        IxScanlineUtil::set(*entry.scanline, kOpaqueBlack, nullptr);
-        kc.addImage(entry);
-    }
-
-    // Step 13: every input is computed for every tile.
-    std::vector<PxImageResult> results;
-    results.reserve(inputs.size());
-    for (const auto& input : inputs) {
-        results.push_back(input->getImage(context));
-        results.back().reduceVI(validity);
-    }
-    // Step 14: the absence of inputs is not looked for by the spec; our host tolerates it.
-    if (!results.empty()) tile->setFillColor(results.front().getFillColor());
-
-    // Steps 15 and 16: parameters and images.
-    std::string outputName;
-    std::size_t floatIndex = 0, imageIndex = 0;
-    for (const PebParameterInfo& p : run.getParams()) {
-        if (p.isOutput()) {
-            if (p.isVarying()) outputName = p.getName();
-        } else if (p.getType() == PebInterpreterTypes::Float) {
-            if (floatIndex >= params.size()) Assertions::throwAssertionFailed(__FILE__, __LINE__, "floatIndex < params.size()");
-            kc.setVariable(kc.getVariableId(p.getName()), kc.newConstantFloat(float(params[floatIndex++]), 0));
-        } else if (p.getType() == PebInterpreterTypes::Image) {
-            const std::size_t i = imageIndex++;
-            // Preconditions of Part 1.2 (settled by the controller), checked since an index past
-            // the inputs or the numbers would read out of bounds.
-            if (i >= inputs.size()) Assertions::throwAssertionFailed(__FILE__, __LINE__, "i < inputs.size()");
-            kc.setVariable(kc.getVariableId(p.getName()), kc.newImage(float(i + 2), 0));
-            const PxImageFormat inputFormat = inputs[i]->getFormat();
-            KelImageEntry entry;
-            entry.nominalRect = inputs[i]->getROD(context).rect;
-            entry.pixelAspectRatio = float(inputFormat.aspectNum) / float(inputFormat.aspectDen);
-            entry.pixelRect = PxImageProtocol::nominalToPixelized(entry.nominalRect, entry.pixelAspectRatio, scale);
-            if (usesSample0) {
-                SdTextureParams texture;
-                texture.textureMatrix = textureMatrix(entry.nominalRect);
-                texture.filterMode = 1;
-                texture.wrapModeS = 0;
-                texture.wrapModeT = 0;
-                entry.sampler = PxImageTexture(inputs[i], context.timeScale(), texture).createSampler();
-            }
-            if (usesSample1) entry.scanline = newRow(columns, 0, results[i].getFillColor());
-            kc.addImage(entry);
-        }
-    }
-    // Step 17: link every sampler with every other.
-    if (usesSample0) {
-        for (std::size_t i = 2; i < kc.imageCount(); ++i)
-            for (std::size_t j = 2; j < kc.imageCount(); ++j)
-                if (i != j) kc.getImage(int(i)).sampler->linkSampler(kc.getImage(int(j)).sampler);
-    }
-
-    // Steps 18 to 21: the output value that lives through the tile, and x, y, t.
-    const int outputId = kc.getVariableId(outputName);
-    kc.setVariable(outputId, kc.newColor(0));
-    const KelColorPtr outputValue = rcStaticCast<KelColor>(kc.getVariable(outputId));
-    const int xId = kc.getVariableId("x"), yId = kc.getVariableId("y"), tId = kc.getVariableId("t");
-    IxScanline<float>& yRow = rcStaticCast<KelFloat>(kc.getVariable(yId))->getScanline();
-    IxScanlineUtil::set(rcStaticCast<KelFloat>(kc.getVariable(tId))->getScanline(), float(context.time), nullptr);
-    if (usesX) {
-        float* xs = rcStaticCast<KelFloat>(kc.getVariable(xId))->getScanline().data();
-        for (int px = x0; px < x1; ++px) xs[px] = float(px) / scale * aspect;
-    }
-
-    // Step 22: the row loop.
-    PxRequestMgr& requests = PxRequestMgr::getInstance();
-    const IxWriteGuard writeGuard(tile);
-    // A tile outside the definition rectangle in x keeps its rows in step 4, but a row of no
-    // columns has nothing to compute: the loop runs no row (the spec's edge case).
-    const int rowEnd = x0 < x1 ? y1 : y0;
-    for (int y = y0; y < rowEnd; ++y) {
-        requests.checkRequest();
-        IxScanlineUtil::set(outputValue->getScanline(), kOpaqueBlack, nullptr);
-        if (usesY) IxScanlineUtil::set(yRow, float(y) / scale, nullptr);
-        if (usesSample1) {
-            for (std::size_t i = 0; i < imageIndex; ++i)
-                kc.getImage(int(i + 2)).scanline->readFrom(results[i].getTileGuard(), y);
-        }
-        run.function->eval(kc);
-        outputValue->getScanline().writeTo(writeGuard, y);
-    }
-
-    // Step 23.
-    return PxImageResult(tile, validity);
+    return TileEvaluation(*info, rod, format, context).run(inputs, params);
 }
 
 }  // namespace Zt

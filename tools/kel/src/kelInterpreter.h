@@ -1,5 +1,6 @@
-// Subsystem 1, the script engine: KelInterpreter (Part 1.1 parse in kelInterpreterParse.cpp,
-// Part 1.2 createRunInfo and eval in kelInterpreter.cpp) and the run info KelRunInfo.
+// The script engine as the host sees it: KelInterpreter compiles a script into a KelRunInfo
+// (`parse`, kelInterpreterParse.cpp) and runs it over one tile at a time (`eval`,
+// kelInterpreter.cpp). One run info is shared by every tile thread and never written by `eval`.
 #pragma once
 
 #include <string>
@@ -10,8 +11,8 @@
 
 namespace Zt {
 
-// Part 1.2: the host-held record of a compiled script. (The spec keeps it private to the
-// interpreter's source; it is in this header so that tests can build run infos by hand.)
+// The host-held record of a compiled script: the checked tree, how many variable slots a
+// context needs, and the names the script uses. In this header so that tests can build one.
 struct KelRunInfo : public PebRunInfo {
     explicit KelRunInfo(const Vector<PebParameterInfo>& params) : PebRunInfo(params) {}
     ~KelRunInfo() override = default;

@@ -1,7 +1,7 @@
-// Part 1.1: KelInterpreter::parse, the compilation of a script into the run info that
-// createRunInfo made: the parser driver (Part 3.3), `main` found or made, the node's parameters
-// bound to those of `main`, the static check (Part 4.1), and what evaluation needs stored.
-// The numbered comments are the spec's steps; their order, and that of the failures, is the spec's.
+// KelInterpreter::parse, the compilation of a script into the run info that createRunInfo made:
+// the parse, `main` found or made, the node's parameters bound to those of `main`, the static
+// check, and what evaluation needs stored. A script has one error at a time, so the order of
+// the checks decides which fault the user sees first; it stays as it is.
 #include <sstream>
 #include <unordered_set>
 
@@ -12,7 +12,7 @@ namespace Zt {
 
 namespace {
 
-// Step 9's procedure for a node parameter that the script doesn't restate.
+// A node parameter that the script doesn't declare becomes a parameter of `main` all the same.
 void addNodeParameter(FunctionDeclarationNode& function, const PebParameterInfo& info) {
     const char* typeName = "";
     switch (info.getType()) {
@@ -27,40 +27,37 @@ void addNodeParameter(FunctionDeclarationNode& function, const PebParameterInfo&
 
 bool KelInterpreter::parse(const std::string& script, const RCShdPtr<PebRunInfo>& runInfo,
                            Vector<PebError>* errors) const {
-    // 1. A run info of another class is a programming fault; null passes and fails at first use.
+    // A run info of another class is a programming fault; null passes and fails at first use.
     RCShdPtr<KelRunInfo> info = rcCheckedCast<KelRunInfo>(runInfo);
 
-    // 2.
     if (script.empty()) {
         errors->push_back(PebError("Error: The script is empty", 0));
         return false;
     }
 
-    // 3. On a syntax failure the run info is untouched: the previous compilation stays in force.
+    // On a syntax failure the run info is untouched: the previous compilation stays in force.
     std::istringstream input(script);
     KelParserProtocol protocol(errors);
     if (!parseScript(protocol, input)) return false;
 
-    // 4.
     RCShdPtr<FunctionDeclarationNode> function = rcDynamicCast<FunctionDeclarationNode>(protocol.root());
-    // 5. A bare list of statements: `main` around it, with every node parameter.
+    // A bare list of statements: `main` around it, with every node parameter.
     if (!function) {
         KelBlockPtr body = rcCheckedCast<StatementBlockNode>(protocol.root());
         function = new FunctionDeclarationNode("main", body, 0);
         for (const PebParameterInfo& nodeParameter : info->getParams()) addNodeParameter(*function, nodeParameter);
     }
 
-    // 6.
     info->function = function;
 
-    // 7. Reported, but neither stops the compilation nor changes its result.
+    // A function of another name is reported, but neither stops the compilation nor changes its result.
     if (function->getName() != "main") protocol.addError("Function main is not found", 0);
 
-    // 8.
+    // Each node parameter binds to the script's parameter of its name, of the same type and
+    // direction; one that the script doesn't declare is added.
     std::unordered_set<std::string> bound;
     const std::vector<KelParameterPtr> declared = function->_parameters;
 
-    // 9.
     for (const PebParameterInfo& nodeParameter : info->getParams()) {
         const std::string name = nodeParameter.getName();
         KelParameterPtr match;
@@ -87,12 +84,13 @@ bool KelInterpreter::parse(const std::string& script, const RCShdPtr<PebRunInfo>
                 "Parameter " + name + (nodeParameter.isOutput() ? " is not an output" : " is not an input"), 0);
     }
 
-    // 10. Only the script's own parameters: those that step 9 added are not in the copy.
+    // Every parameter the script declares must be one of the node's. `declared` is the list
+    // before the additions above, so only the script's own are looked at.
     for (const KelParameterPtr& scriptParameter : declared)
         if (bound.count(scriptParameter->getName()) == 0)
             return protocol.addError("Parameter " + scriptParameter->getName() + " is not a valid parameter", 0);
 
-    // 11. and 12. The prototype value that check returns is dropped.
+    // The static check, in a context of one column; its prototype value is dropped.
     KelContext context(GeInterval<int>(0, 1), 0);
     try {
         function->check(context);
@@ -100,7 +98,6 @@ bool KelInterpreter::parse(const std::string& script, const RCShdPtr<PebRunInfo>
         return protocol.addError(failure.getReason(), failure.getLine());
     }
 
-    // 13.
     info->variableCount = context.variableCount();
     info->usedNames = context.usedNames();
     return true;

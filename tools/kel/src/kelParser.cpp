@@ -1,5 +1,5 @@
-// Part 3.3: the parser driver and the tree builder. See kelParser.h for each operation's stack
-// effect; this file says only what the code cannot.
+// The parser driver and the tree builder. See kelParser.h for each operation's stack effect;
+// this file says only what the code cannot.
 #include "kelParser.h"
 
 #include <algorithm>
@@ -22,7 +22,7 @@ KelParserProtocol::~KelParserProtocol() {
 // The tree walks (check, eval, print, and the release of the nodes) recurse once per level; a
 // left-recursive chain (`1 + 1 + ...`, `x++ ++ ...`) takes no parser stack, so without this
 // bound a long one overflows the thread's stack. Far above any script the stack limit lets nest.
-// A deliberate difference from Part 3.2, listed in docs/language.md section 8.
+// Listed among the limits in docs/language.md, section 8.
 constexpr int kMaxTreeHeight = 10000;
 
 bool KelParserProtocol::push(RCShdPtr<KelSyntaxTree> node, int height) {
@@ -83,15 +83,15 @@ bool KelParserProtocol::addError(const std::string& message, int line) {
 }
 
 bool KelParserProtocol::forLoop(int parts, int line) {
-    int bodyHeight, thirdHeight = 0, conditionHeight, firstHeight = 0;
+    int bodyHeight, incrementHeight = 0, conditionHeight, initHeight = 0;
     KelBlockPtr body = rcCheckedCast<StatementBlockNode>(pop(bodyHeight));
-    RCShdPtr<KelSyntaxTree> third;
-    if (parts & 4) third = pop(thirdHeight);
+    RCShdPtr<KelSyntaxTree> increment;
+    if (parts & ForIncrement) increment = pop(incrementHeight);
     RCShdPtr<KelSyntaxTree> condition = pop(conditionHeight);
-    RCShdPtr<KelSyntaxTree> first;
-    if (parts & 1) first = pop(firstHeight);
-    return push(new ForNode(first, condition, third, body, line),
-                std::max({bodyHeight, thirdHeight, conditionHeight, firstHeight}) + 1);
+    RCShdPtr<KelSyntaxTree> init;
+    if (parts & ForInit) init = pop(initHeight);
+    return push(new ForNode(init, condition, increment, body, line),
+                std::max({bodyHeight, incrementHeight, conditionHeight, initHeight}) + 1);
 }
 
 bool KelParserProtocol::functionCall(const std::string& name, int line) {
@@ -138,7 +138,8 @@ bool KelParserProtocol::variableInitialisation(const std::string& type, const st
 }
 
 bool KelParserProtocol::floatLiteral(const std::string& text, int line) {
-    // The three limits by bit pattern: their values are not written as decimal text (Part 3.1).
+    // The three limits by bit pattern, exact on every platform: the scanner passes their names,
+    // not decimal text.
     float value;
     if (text == "FLT_MAX")
         value = std::bit_cast<float>(std::uint32_t(0x7F7FFFFF));
@@ -208,7 +209,7 @@ std::string kelSyntaxMessage(const char* text, int line) {
 }
 
 namespace {
-// Restores the scanner however the parse ends (steps 8 and 9), an exception included.
+// Restores the scanner however the parse ends, an exception included.
 struct KelScannerSession {
     explicit KelScannerSession(std::istream& input) { kelScannerBegin(input); }
     ~KelScannerSession() { kelScannerEnd(); }
@@ -218,17 +219,18 @@ struct KelScannerSession {
 }  // namespace
 
 bool parseScript(KelParserProtocol& protocol, std::istream& input) {
-    // The source path and line are the spec's (Part 3.3 step 1), not this file's.
+    // The assertion names a fixed place (kelParser, line 143), which does not move when this
+    // file is edited: hosts match on it.
     if (!PiAppThread::isCurrent())
         Assertions::throwAssertionFailed("tools/kel/src/kelParser", 143, "PiAppThread::isCurrent()");
-    // Step 2, the current protocol, is the parser's parse-param here (kel.y).
+    // The protocol reaches the grammar's actions as the parser's parse-param (kel.y).
     int result;
     {
         KelScannerSession session(input);
         try {
             result = kelparse(protocol);
         } catch (const KelUnterminatedComment& unterminated) {
-            // The one known difference from Part 3.1 (kel.l): the parse fails instead of hanging.
+            // An unterminated block comment fails the parse (kel.l) rather than hang it.
             protocol.addError(kelSyntaxMessage("Unterminated comment", unterminated.line), unterminated.line);
             result = 1;
         }

@@ -1,10 +1,10 @@
-// Part 3.3: the parser driver `parseScript` and the tree builder `KelParserProtocol`, beside the
-// scanner (kel.l, Part 3.1) and the grammar (kel.y, Part 3.2).
+// The front end: the parser driver `parseScript` and the tree builder `KelParserProtocol`, beside
+// the scanner (kel.l) and the grammar (kel.y).
 //
 // The grammar's actions call the protocol's operations, each of which works on a stack of nodes
 // like an opcode of a stack machine; when the parse ends the finished tree stands alone on the
-// stack. The protocol knows one table, the built-in functions (Part 3.4); everything else about
-// meaning waits for `check` (Part 4.1).
+// stack. The protocol knows one table, the built-in functions (kelFunctionsCatalogue.cpp);
+// everything else about meaning waits for the nodes' `check`.
 #pragma once
 
 #include <deque>
@@ -27,8 +27,9 @@ public:
     KelParserProtocol(const KelParserProtocol&) = delete;
     KelParserProtocol& operator=(const KelParserProtocol&) = delete;
 
-    // The builders, in the order of the spec's table. Each returns true to go on, false to end
-    // the parse; only `functionCall` of an unknown name and `addError` return false.
+    // The builders, one per kind of grammar action, each with its stack effect. Each returns
+    // true to go on, false to end the parse: `functionCall` of an unknown name, `addError`, and
+    // any builder whose tree grows too high for the recursive walks (see `push`).
 
     // Pops value, pushes AssignNode(name, op, value, line, 1).
     virtual bool assign(const std::string& name, const std::string& op, int line);
@@ -40,8 +41,10 @@ public:
     virtual bool addError(const std::string& text, const std::string& detail, int line);
     // Appends PebError(message, line) to the caller's list; returns false, always.
     virtual bool addError(const std::string& message, int line);
-    // Pops body (a StatementBlockNode), the third clause if bit 4 of `parts`, the condition, the
-    // first clause if bit 1; pushes ForNode(first, condition, third, body, line).
+    // Which clauses a `for` statement wrote, or-ed together into `forLoop`'s `parts`.
+    enum ForClauses : int { ForInit = 1, ForCondition = 2, ForIncrement = 4 };
+    // Pops body (a StatementBlockNode), the increment if `parts` has ForIncrement, the condition,
+    // the init if `parts` has ForInit; pushes ForNode(init, condition, increment, body, line).
     virtual bool forLoop(int parts, int line);
     // Pushes the built-in's call node; for an unknown name reports "Function undefined : "
     // + name + " at line " + line and returns false.
@@ -95,33 +98,33 @@ private:
     Vector<PebError>* _errors;
 };
 
-// Part 3.3: the one entry into the front end. Asserts the application thread, points the
+// The one entry into the front end. Asserts the application thread, points the
 // scanner at `input` (saving the scanner's state and restoring it afterwards, also when the
 // parse fails), runs the parser with `protocol`, and returns true when the script parsed. The
 // errors are in the protocol's list.
 bool parseScript(KelParserProtocol& protocol, std::istream& input);
 
-// Part 3.3, the parser's error function: "memory exhausted" and "parser stack overflow" become
+// The parser's error function: "memory exhausted" and "parser stack overflow" become
 // "Error: Script too long" at line 0; any other text (bison's "syntax error") is ignored, since
 // the grammar's error rules give the words.
 void kelParserError(KelParserProtocol& protocol, const std::string& text);
 
-// Part 3.2, the report action's text: "Syntax Error: %s at line %d".
+// The text of a syntax error that a grammar rule reports: "Syntax Error: %s at line %d".
 std::string kelSyntaxMessage(const char* text, int line);
 
-// ---- The scanner's side (kel.l) --------------------------------------------------------------
+// ---- The scanner's side (kel.l) -----------------------------------------------------------------
 
-// Thrown by the scanner when the input ends inside a block comment (the one known difference
-// from Part 3.1, see kel.l); caught by parseScript. `line` is the line where the input ended.
+// Thrown by the scanner when the input ends inside a block comment (kel.l); caught by
+// parseScript, which fails the parse. `line` is the line where the input ended.
 struct KelUnterminatedComment {
     int line;
 };
 
-// Part 3.3 steps 3 to 6 and 8 to 9: saves the scanner's buffer, stream and start condition and
-// points it at `input` with the line flag raised; kelScannerEnd restores them. Nest like brackets.
+// Saves the scanner's buffer, stream and start condition and points it at `input` with the line
+// flag raised; kelScannerEnd restores them. Nest like brackets.
 void kelScannerBegin(std::istream& input);
 void kelScannerEnd();
-// One scanner call (Part 3.1): the token code, its text into `text` (unchanged by the six
+// One scanner call: the token code, its text into `text` (unchanged by the six
 // characters without text), the line into `firstLine`. 0 at the end of the input.
 int kelScanToken(std::string& text, int& firstLine);
 

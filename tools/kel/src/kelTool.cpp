@@ -1,4 +1,5 @@
-// Parts 6.1 and 6.2: the tool's description object and its node controller.
+// The tool's registration with the host, and its node controller, whose interpreter is
+// KelInterpreter. Registration happens once, at package initialisation.
 #include "kelTool.h"
 
 #include "PebController.h"
@@ -13,7 +14,7 @@ void KelTool::setUiFactory(PiUiFactory factory) { uiFactory = factory; }
 
 namespace {
 
-// Part 6.2: no field; everything else is PebController's.
+// No field: everything but the two factories below is PebController's.
 class KelController : public PebController {
 public:
     void printProgram() const override {
@@ -21,7 +22,7 @@ public:
         if (info && info->function) static_cast<const KelSyntaxTree&>(*info->function).print();
     }
 
-    // The two operations of Part 6.2, in this order.
+    // The two factories a PebController leaves to its tool.
     PiUiFactory getUiFactory() const override { return KelTool::uiFactory; }
     OPtrRet<PebInterpreter> createInterpreter() const override { return std::make_unique<KelInterpreter>(); }
 };
@@ -29,8 +30,8 @@ public:
 }  // namespace
 
 void kelRegisterTool() {
-    // The arguments of PiToolProtocolImp's constructor, in order (Part 6.1): ToolVisibility 1,
-    // ToolStructure 0.
+    // The arguments of PiToolProtocolImp's constructor, in order: name, display name, product,
+    // maker, version, schema 9, description, ToolVisibility 1, ToolStructure 0.
     auto tool = std::make_unique<PiImageModifierInfo<KelController>>(
         "KEL", "Kel Expressions", PiVarnicToolProtocol::getVarnicProductName(),
         PiVarnicToolProtocol::getVarnicManufacturer(), PiVarnicToolProtocol::getVarnicVersionString(), 9,

@@ -1,4 +1,4 @@
-// Parts 6.1 and 6.2: the tool "KEL" with its description object and its node controller.
+// The tool "KEL" with its description object and its node controller.
 // KelTool holds the user-interface factory that another library may store; KelController (private
 // to kelTool.cpp) is the PebController that makes KelInterpreters.
 #pragma once
@@ -7,7 +7,7 @@
 
 namespace Zt {
 
-// A class without instances (Part 6.1).
+// A class without instances: only its static factory slot.
 class KelTool {
 public:
     KelTool() = delete;
@@ -16,11 +16,11 @@ public:
     static PiUiFactory uiFactory;  // null until set, and again after shutdown
 };
 
-// Part 6.1 step 2: builds PiImageModifierInfo<KelController> and gives it to
+// Builds PiImageModifierInfo<KelController> and gives it to
 // PiImageModifier::registerTool.
 void kelRegisterTool();
 
-// How many times the registered tool's description was fetched (Part 6.1's lazy step): tests.
+// How many times the registered tool's description was fetched (the description is built lazily, once): for tests.
 int kelDescriptionFetches();
 
 }  // namespace Zt

@@ -1,5 +1,6 @@
-// Part 6.1: package initialisation and tool registration: the package record, the build record
-// and the order in which `initialize` registers and builds.
+// Package initialisation and tool registration: the package record, the build record and the
+// order in which `initialize` registers and builds: build record, tool, then the constant tables,
+// so that the tool is known and its tables complete before the host compiles its first script.
 #include "kelZttoolInit.h"
 
 #include "InBuildInfo.h"
@@ -12,7 +13,6 @@ namespace Zt {
 
 void kelBuildStaticTables() {
     KelFunctionTable::build();
-    KelOperatorTables::build();
     KelNoise::buildTables();
 }
 
@@ -20,7 +20,7 @@ namespace {
 
 bool gInitialized = false;
 
-// The constants of Part 6.1's table, in the order of the slots.
+// The library's build constants, in the order of the slots.
 class LibraryBuildInfo : public InBuildInfo {
 public:
     std::string getVendor() const override { return "Varnic Sorell Library"; }
@@ -45,7 +45,7 @@ class InInit<ZtInit::kelZttool> : public InPackageInit {
 public:
     InInit() : InPackageInit("kelZttool") {
         registerPackage(getType());
-        // The six host packages, in the order of Part 6.1.
+        // The six host packages that must initialise first, in this order.
         addDependency(InInit<ZtInit::peb>::getType());
         addDependency(InInit<ZtInit::internalInterface>::getType());
         addDependency(InInit<ZtInit::primitives>::getType());
