@@ -7,6 +7,7 @@ build=${1:-"$here/build"}; shift || true
 
 packages=(g++ cmake make flex bison libopenimageio-dev openimageio-tools libtbb-dev
           libcli11-dev libgtest-dev googletest libbenchmark-dev python3
+          pybind11-dev python3-dev python3-numpy python3-pytest  # the Python module (python/)
           clang libclang-rt-14-dev  # clang and libFuzzer: the fuzz stage of scripts/test.sh
           slurm-wlm munge)          # a one-node cluster for the render-farm test (tests/farm)
 missing=()

@@ -3,14 +3,13 @@
 #include <cstdlib>
 #include <string>
 
-#include "PiPluginLoader.h"
 #include "kelOptions.h"
 
 namespace Zt::KelApp {
 
-void loadPlugins() {
+void loadPlugins(const std::string& ownDirectory) {
     PiPluginLoader loader;
-    const std::string fallback = PiPluginLoader::executableDirectory() + "/" KEL_DEFAULT_PLUGIN_DIR;
+    const std::string fallback = ownDirectory + "/" KEL_DEFAULT_PLUGIN_DIR;
     try {
         for (const std::string& directory : PiPluginLoader::directories(std::getenv("KEL_PLUGIN_PATH"), fallback))
             loader.loadDirectory(directory);
@@ -20,8 +19,8 @@ void loadPlugins() {
     }
 }
 
-PebController& createController(std::unique_ptr<PiNodeController>& holder) {
-    loadPlugins();
+PebController& createController(std::unique_ptr<PiNodeController>& holder, const std::string& ownDirectory) {
+    loadPlugins(ownDirectory);
     PiToolProtocol* tool = PiToolRegistry::getInstance().find("KEL");
     if (!tool) throw UsageError("the tool KEL is not registered: no plug-in package offers it (KEL_PLUGIN_PATH)");
     holder = tool->createController();

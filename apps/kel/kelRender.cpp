@@ -81,7 +81,7 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         else
             stills[i] = readImage(*p.value, PxValidityInterval::getFull());
     }
-    // The output's rectangle is the first image input's (host.md); --size only stands in for it.
+    // The output's rectangle is the first image input's; --size only stands in for it.
     if (firstImage && in.size)
         std::cerr << "kel: --size is ignored: the image input " << firstImage->name << " (" << *firstImage->value
                   << ") gives the output's size\n";
@@ -113,7 +113,7 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
 
     for (std::size_t f = 0; f < frames.size(); ++f) {
         const Frame& frame = frames[f];
-        // A still input holds for all time; a frame of a sequence at its own time only (host.md).
+        // A still input holds for all time; a frame of a sequence at its own time only.
         const PxValidityInterval instant(frame.time, 2, frame.time, 2);
         Vector<PxNodePtr<const PxImageProtocol>> inputs;
         Vector<double> values;

@@ -1,7 +1,7 @@
 // The `kel` command: compiles a KEL script against a parameter list through the tool
 // "KEL" that the plug-in package registered, and renders it over image files. This file holds
-// the command line; kelCommands.cpp the commands (kelOptions.cpp the option values,
-// kelImageFiles.cpp the image files, kelJson.cpp the JSON report).
+// the command line only: what each option means and how it reaches the Invocation that
+// kelCommands.cpp and kelRender.cpp carry out.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <map>

@@ -40,6 +40,21 @@ constexpr bool kelRowsInOrder(const Row (&rows)[N], int first = 0) {
     return true;
 }
 
+// The code of the row of `rows` whose text is `text`; `unknown` when no row has it.
+template <class Row, std::size_t N>
+constexpr auto kelOperatorOf(const Row (&rows)[N], const std::string& text, decltype(Row::op) unknown) {
+    for (const Row& row : rows)
+        if (text == row.text) return row.op;
+    return unknown;
+}
+
+// The forms of the IxScanlineUtil operations that the operator tables hold: a binary operation
+// into a destination over the active span, and a masked store.
+template <class D, class A, class B>
+using KelBinaryForm = void (*)(IxScanline<D>&, const IxScanline<A>&, const IxScanline<B>&, const GeInterval<int>*);
+template <class D, class S>
+using KelStoreForm = void (*)(IxScanline<D>&, const IxScanline<S>&, const IxScanline<float>*, const GeInterval<int>*);
+
 // The type of a declaration's type name: Float, Image or Color; 0 for any other text.
 int kelTypeNumber(const std::string& typeName);
 

@@ -10,24 +10,17 @@ namespace Zt {
 
 namespace {
 
+using Op = KelBinaryOp;
 using U = IxScanlineUtil;
 using F = float;
 using C = Zt::Color;
-using Op = KelBinaryOp;
-using Limit = const GeInterval<int>*;
-
-using BinaryFloat = void (*)(IxScanline<F>&, const IxScanline<F>&, const IxScanline<F>&, Limit);
-using BinaryColor = void (*)(IxScanline<C>&, const IxScanline<C>&, const IxScanline<C>&, Limit);
-using BinaryFloatColor = void (*)(IxScanline<C>&, const IxScanline<F>&, const IxScanline<C>&, Limit);
-using BinaryColorFloat = void (*)(IxScanline<C>&, const IxScanline<C>&, const IxScanline<F>&, Limit);
-using CompareColor = void (*)(IxScanline<F>&, const IxScanline<C>&, const IxScanline<C>&, Limit);
 
 // Every binary operator with its float operation (null: `,`, which yields its right operand,
 // and `None`, which no script reaches).
 struct BinaryOperator {
     Op op;
     const char* text;
-    BinaryFloat floats;
+    KelBinaryForm<F, F, F> floats;
 };
 // clang-format off
 constexpr BinaryOperator kBinaryOperators[] = {
@@ -54,9 +47,9 @@ static_assert(kelRowsInOrder(kBinaryOperators), "rows in the order of KelBinaryO
 // Any other operator with a colour operand is refused by the check.
 struct ColorArithmetic {
     Op op;
-    BinaryColor colors;
-    BinaryFloatColor floatColor;
-    BinaryColorFloat colorFloat;
+    KelBinaryForm<C, C, C> colors;
+    KelBinaryForm<C, F, C> floatColor;
+    KelBinaryForm<C, C, F> colorFloat;
 };
 // clang-format off
 constexpr ColorArithmetic kColorArithmetic[] = {
@@ -71,7 +64,7 @@ static_assert(kelRowsInOrder(kColorArithmetic, int(Op::Add)), "rows in the order
 // The equality tests, the only comparisons defined between two colours (all four channels).
 struct ColorComparison {
     Op op;
-    CompareColor colors;
+    KelBinaryForm<F, C, C> colors;
 };
 constexpr ColorComparison kColorComparisons[] = {
     {Op::Equal,    U::equalScanlines<C>},
@@ -81,12 +74,6 @@ static_assert(kelRowsInOrder(kColorComparisons, int(Op::Equal)), "rows in the or
 
 bool isColorArithmetic(Op op) { return op >= Op::Add && op <= Op::Divide; }
 bool isComparison(Op op) { return op == Op::Equal || op == Op::NotEqual; }
-
-Op binaryOperator(const std::string& text) {
-    for (const BinaryOperator& row : kBinaryOperators)
-        if (row.op != Op::None && text == row.text) return row.op;
-    return Op::None;
-}
 
 // The check refuses every operand pair without an operation, so a null one is a program fault.
 template <class Fn>
@@ -196,7 +183,7 @@ RCShdPtr<KelValue> evalColorArithmetic(Op op, const KelValuePtr& left, const Kel
 }  // namespace
 
 BinaryOpNode::BinaryOpNode(const std::string& op, const KelNodePtr& left, const KelNodePtr& right, int line)
-    : KelSyntaxTree(line), _op(binaryOperator(op)), _operator(op), _left(left), _right(right) {}
+    : KelSyntaxTree(line), _op(kelOperatorOf(kBinaryOperators, op, Op::None)), _operator(op), _left(left), _right(right) {}
 
 void BinaryOpNode::print(std::ostream& out) const {
     out << "( ";

@@ -13,21 +13,15 @@ using U = IxScanlineUtil;
 using F = float;
 using C = Zt::Color;
 using Assign = KelAssignOp;
-using Mask = const IxScanline<float>*;
-using Limit = const GeInterval<int>*;
-
-using AssignFloat = void (*)(IxScanline<F>&, const IxScanline<F>&, Mask, Limit);
-using AssignColor = void (*)(IxScanline<C>&, const IxScanline<C>&, Mask, Limit);
-using AssignColorFloat = void (*)(IxScanline<C>&, const IxScanline<F>&, Mask, Limit);
 
 // Each assignment operator with its masked store into a float (or an image's ids), a colour
 // from a colour, and a colour from a float (all four channels).
 struct AssignOperator {
     Assign op;
     const char* text;
-    AssignFloat floats;
-    AssignColor colors;
-    AssignColorFloat colorFloat;
+    KelStoreForm<F, F> floats;
+    KelStoreForm<C, C> colors;
+    KelStoreForm<C, F> colorFloat;
 };
 // clang-format off
 constexpr AssignOperator kAssignOperators[] = {
@@ -41,12 +35,6 @@ constexpr AssignOperator kAssignOperators[] = {
 static_assert(std::size(kAssignOperators) == std::size_t(Assign::Count), "one row per assignment operator");
 static_assert(kelRowsInOrder(kAssignOperators), "rows in the order of KelAssignOp");
 
-Assign assignOperator(const std::string& text) {
-    for (const AssignOperator& row : kAssignOperators)
-        if (text == row.text) return row.op;
-    return Assign::Set;
-}
-
 const Zt::Color kOpaqueBlack{0.0f, 0.0f, 0.0f, 1.0f};
 
 }  // namespace
@@ -57,7 +45,7 @@ AssignNode::AssignNode(const std::string& name, const std::string& op, const Kel
     : KelSyntaxTree(line),
       _name(name),
       _operator(op),
-      _op(assignOperator(op)),
+      _op(kelOperatorOf(kAssignOperators, op, Assign::Set)),
       _value(value),
       _checkConst(checkConst) {}
 
