@@ -9,6 +9,8 @@ packages=(g++ cmake make flex bison libopenimageio-dev openimageio-tools libtbb-
           libcli11-dev libgtest-dev googletest libbenchmark-dev python3
           pybind11-dev python3-dev python3-numpy python3-pytest  # the Python module (python/)
           clang libclang-rt-14-dev  # clang and libFuzzer: the fuzz stage of scripts/test.sh
+          pkg-config libcpp-httplib-dev nlohmann-json3-dev  # the server of `kel live`
+          chromium chromium-driver python3-selenium  # the live page's tests in a real browser
           slurm-wlm munge)          # a one-node cluster for the render-farm test (tests/farm)
 missing=()
 for p in "${packages[@]}"; do
@@ -19,6 +21,12 @@ if [ ${#missing[@]} -gt 0 ]; then
   SUDO=""; [ "$(id -u)" -ne 0 ] && SUDO=sudo
   $SUDO apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+# The live page's editor and bundler, from npm at the versions of web/package-lock.json,
+# installed again only when the lock file is newer than the last install.
+if command -v npm >/dev/null && [ ! "$here/web/node_modules/.package-lock.json" -nt "$here/web/package-lock.json" ]; then
+  (cd "$here/web" && npm ci --no-audit --no-fund --loglevel=error >/dev/null)
 fi
 
 jobs=$(nproc)

@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "kelCommands.h"
+#include "liveCommand.h"
 
 using namespace Zt::KelApp;
 
@@ -157,6 +158,19 @@ int main(int argc, char** argv) {
     submitStatus->add_option("JOB", in.farm.job, "the job id that kel submit slurm printed")->required();
     submitStatus->footer("Exit status: 0 no frame failed, 4 some frames failed, 2 a job that Slurm does not know.");
 
+    // kel live (apps/kel/live/): the script in the browser, beside the picture it renders.
+    LiveOptions liveOptions;
+    CLI::App* live = app.add_subcommand("live", "kel live SCRIPT [PARAMETERS] [--port N] [--no-browser] [OPTIONS]\n"
+                                                "Serve a page that edits the script and shows its picture as you type.");
+    addScriptOptions(*live, in, true);
+    live->remove_option(live->get_option("-e"));  // the page saves to SCRIPT: there must be one
+    addLiveOptions(*live, liveOptions);
+    live->footer("The parameter list is the -i, -f and -c options in the order given, then the float\n"
+                 "parameters the script declares (// @param NAME DEFAULT [MIN, MAX] \"Label\"), then the output.\n\n"
+                 "The page is served on 127.0.0.1 only. It writes the script when you save and an image\n"
+                 "when you render to a file (inside the script's folder), nothing else. Ctrl-C stops it.\n\n"
+                 "Example: kel live grade.kel -i src=plate.exr -f gain=1.5");
+
     app.add_subcommand("tools", "kel tools\nList the tools that the loaded packages registered: name, display name and "
                                 "description, one tool a line, tab-separated.");
     app.add_subcommand("version", "kel version\nPrint the build record of the KEL plug-in, one field a line.");
@@ -184,6 +198,10 @@ int main(int argc, char** argv) {
     try {
         CLI::App* command = app.get_subcommands().front();
         in.command = command->get_name();
+        if (command == live) {
+            collectParameters(*live, in);
+            return runLive(in, liveOptions);
+        }
         if (command == submit) {
             in.command += " " + submit->get_subcommands().front()->get_name();
             if (submitSlurm->parsed()) {
