@@ -7,11 +7,20 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Peb.h"
 #include "PiTool.h"
 
 namespace Zt {
+
+// One form of a built-in function that scripts may call: its name, and the types of its
+// arguments and of its result as a script writes them ("float", "color", "image", "void").
+struct PebFunctionForm {
+    std::string name;
+    std::vector<std::string> argumentTypes;
+    std::string resultType;
+};
 
 class PebController : public PiImageModifier, public PiToolInterface {
 public:
@@ -66,6 +75,10 @@ public:
     // Writes the compiled tree to standard output; the tool knows its tree, the host doesn't.
     // This host's addition, used by `kel print`; does nothing unless a tool overrides it.
     virtual void printProgram() const {}
+    // The built-in functions a script may call, every form of each, in the tool's order: what
+    // the command's messages quote ("`color` takes four arguments"). This host's addition;
+    // empty unless a tool overrides it.
+    virtual std::vector<PebFunctionForm> describeFunctions() const { return {}; }
 
     // What the tool supplies, in this order of slots.
     virtual PiUiFactory getUiFactory() const = 0;

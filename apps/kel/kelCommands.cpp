@@ -1,6 +1,7 @@
-// The commands of `kel` other than render: check, print, tools and version, and the dispatch
-// that turns failures into exit statuses. Compilation happens on this, the application thread;
-// tiles are rendered on worker threads (kelRender.cpp).
+// The commands of `kel` other than render: check, print, params, tools and version, and the
+// dispatch that reads the script's declarations and turns failures into exit statuses.
+// Compilation happens on this, the application thread; tiles are rendered on worker threads
+// (kelRender.cpp).
 #include "kelCommands.h"
 
 #include <csignal>
@@ -12,6 +13,7 @@
 #include "kelCancellation.h"
 #include "kelImageFiles.h"
 #include "kelJson.h"
+#include "kelParameterList.h"
 #include "kelPlugins.h"
 #include "kelRender.h"
 #include "kelScript.h"
@@ -26,7 +28,7 @@ int runCheck(PebController& controller, const Invocation& in, const Script& scri
     if (in.json)
         std::cout << "{" << jsonStatus(ok, controller.getErrors()) << "}\n";
     else
-        printErrors(script, controller.getErrors());
+        printErrors(script, controller);
     return ok ? kExitOk : kExitRefused;
 }
 
@@ -52,7 +54,7 @@ private:
 
 int runPrint(PebController& controller, const Invocation& in, const Script& script) {
     const bool ok = compile(controller, in, script);
-    printErrors(script, controller.getErrors());
+    printErrors(script, controller);
     if (!ok) return kExitRefused;
     // The tree reaches standard output only when all of it printed.
     std::ostringstream tree;
@@ -63,7 +65,10 @@ int runPrint(PebController& controller, const Invocation& in, const Script& scri
         std::cerr << "kel: the tree cannot be printed: " << unprintableReason(e) << "\n";
         return kExitRefused;
     }
-    std::cout << tree.str();
+    // The engine ends the tree without a newline; a terminal's prompt belongs on a line of its own.
+    std::string text = tree.str();
+    if (!text.empty() && text.back() != '\n') text += '\n';
+    std::cout << text;
     std::cout.flush();
     return kExitOk;
 }
@@ -75,15 +80,52 @@ int runTools() {
     return kExitOk;
 }
 
+// The project's version first, then each package's build record, every field under its label.
 int runVersion() {
     loadPlugins();
-    for (const auto& info : InBuildInfoUtil::getInfos()) {
-        std::cout << info->getVendor() << "\n" << info->getLibraryName() << "\n" << info->getCopyrightYear() << "\n"
-                  << info->getVersion() << "\n" << info->getStatus() << "\n" << info->getMajorVersion() << "\n"
-                  << info->getMinorVersion() << "\n" << info->getReleaseNumber() << "\n" << info->getBuildNumber()
-                  << "\n" << info->getBuildDate() << "\n" << info->getBuildPlatform() << "\n";
-    }
+    std::cout << "kel: " << KEL_VERSION << "\n";
+    const std::pair<const char*, std::string (*)(const InBuildInfo&)> fields[] = {
+        {"library",        [](const InBuildInfo& i) { return i.getLibraryName(); }},
+        {"vendor",         [](const InBuildInfo& i) { return i.getVendor(); }},
+        {"copyright year", [](const InBuildInfo& i) { return i.getCopyrightYear(); }},
+        {"version",        [](const InBuildInfo& i) { return i.getVersion(); }},
+        {"status",         [](const InBuildInfo& i) { return i.getStatus(); }},
+        {"major version",  [](const InBuildInfo& i) { return std::to_string(i.getMajorVersion()); }},
+        {"minor version",  [](const InBuildInfo& i) { return std::to_string(i.getMinorVersion()); }},
+        {"release",        [](const InBuildInfo& i) { return std::to_string(i.getReleaseNumber()); }},
+        {"build",          [](const InBuildInfo& i) { return i.getBuildNumber(); }},
+        {"build date",     [](const InBuildInfo& i) { return i.getBuildDate(); }},
+        {"build platform", [](const InBuildInfo& i) { return i.getBuildPlatform(); }},
+    };
+    for (const auto& info : InBuildInfoUtil::getInfos())
+        for (const auto& [label, value] : fields) std::cout << label << ": " << value(*info) << "\n";
     return kExitOk;
+}
+
+// The script's declarations as JSON, for the live page and pipelines.
+int runParams(const Script& script) {
+    const ScriptDeclarations declarations = readDeclarations(script.text);
+    std::cout << jsonDeclarations(declarations) << "\n";
+    if (declarations.problems.empty()) return kExitOk;
+    printDeclarationProblems(script, declarations.problems);
+    return kExitUsage;
+}
+
+// The invocation with the parameter list that the flags and the script's declarations make;
+// none when a declaration does not read (each is printed with its line).
+std::optional<Invocation> withDeclarations(const Invocation& in, const Script& script) {
+    const ScriptDeclarations declarations = readDeclarations(script.text);
+    if (!declarations.problems.empty()) {
+        printDeclarationProblems(script, declarations.problems);
+        return std::nullopt;
+    }
+    ParameterList list = buildParameterList(declarations, in);
+    if (!in.quiet)
+        for (const std::string& warning : list.warnings) std::cerr << "kel: warning: " << warning << "\n";
+    Invocation resolved = in;
+    resolved.parameters = std::move(list.parameters);
+    resolved.outputName = list.outputName;
+    return resolved;
 }
 
 }  // namespace
@@ -98,12 +140,15 @@ int runCommand(const Invocation& in) {
         if (in.command == "version") return runVersion();
         if (in.command == "submit status") return runSubmitStatus(in);
         const Script script = readScript(in);
+        if (in.command == "params") return runParams(script);
+        const std::optional<Invocation> resolved = withDeclarations(in, script);
+        if (!resolved) return kExitUsage;
         std::unique_ptr<PiNodeController> holder;
         PebController& controller = createController(holder);
-        if (in.command == "check") return runCheck(controller, in, script);
-        if (in.command == "print") return runPrint(controller, in, script);
-        if (in.command == "submit slurm") return runSubmitSlurm(controller, in, script);
-        return runRender(controller, in, script);
+        if (in.command == "check") return runCheck(controller, *resolved, script);
+        if (in.command == "print") return runPrint(controller, *resolved, script);
+        if (in.command == "submit slurm") return runSubmitSlurm(controller, *resolved, script);
+        return runRender(controller, *resolved, script);
     } catch (const FileError& e) {
         std::cerr << "kel: " << e.what() << "\n";
         return kExitUsage;

@@ -1,4 +1,4 @@
-// The commands of `kel` (render, check, print, tools, version) over the invocation that the command
+// The commands of `kel` (render, check, print, params, tools, version) over the invocation that the command
 // line gave, and the exit statuses they end with.
 #pragma once
 
@@ -31,12 +31,15 @@ struct Invocation {
     std::string scriptPath;
     std::string scriptText;
     bool hasScriptText = false;
-    std::vector<ParameterOption> parameters;
+    std::vector<ParameterOption> parameters;  // the flags, in command-line order
     std::string outputName = "out";
+    bool outputNameGiven = false;  // by --out, which overrides the script's @output
     std::string outputPath;
     std::optional<std::pair<int, int>> size;
     double time = 0.0;
-    std::optional<std::pair<int, int>> frames;
+    std::vector<int> frames;  // empty: one frame at `time`, without --frames
+    unsigned seed = 0;
+    bool quiet = false;  // no progress and no warnings
     int scaleLevel = 0;
     std::optional<std::pair<int, int>> pixelAspect;
     int threads = 0;

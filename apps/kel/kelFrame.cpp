@@ -1,5 +1,6 @@
 #include "kelFrame.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "kelImageFiles.h"
@@ -37,6 +38,10 @@ RenderedFrame renderFrame(PebController& controller, PxTileRenderer& renderer,
                       (long long)std::ceil(double(rod.rect.height()) * scale), 2 * sizeof(Color));
     const PxNodePtr<const PxImageProtocol> node = controller.createModifierProcNode(inputs, values, rod, format);
     const GeRectangle<int> rect = PxImageProtocol::nominalToPixelized(rod.rect, format.aspect(), float(scale));
+    const std::size_t pixels = std::size_t(std::max(rect.width(), 0)) * std::size_t(std::max(rect.height(), 0));
+    renderer.setProgress(request.progress ? [progress = request.progress, pixels](std::size_t done, std::size_t total) {
+        progress(done, total, pixels);
+    } : std::function<void(std::size_t, std::size_t)>());
     return {renderer.render(*node, rect, context), format};
 }
 

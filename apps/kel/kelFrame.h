@@ -3,6 +3,7 @@
 // compiled controller, images and values into pixels, so they all give the same pixels.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -25,6 +26,9 @@ struct FrameRequest {
     std::optional<std::pair<int, int>> pixelAspect;  // N/D; default: the first input's, else 1
     std::optional<std::pair<int, int>> size;         // WxH at full resolution; without an image input
     std::optional<std::pair<int, int>> tile;         // WxH; default kDefaultTileWidth x kDefaultTileHeight
+    // Told, from the calling thread, how many of the frame's tiles are done and how many pixels
+    // the frame has; none when empty.
+    std::function<void(std::size_t done, std::size_t total, std::size_t pixels)> progress;
 };
 
 struct RenderedFrame {

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 
 namespace Zt::KelApp {
 
@@ -93,6 +94,46 @@ std::string jsonRender(const Vector<PebError>& errors, const PxRenderedImage& im
         out += "]";
     }
     return out + "}";
+}
+
+}  // namespace Zt::KelApp
+
+namespace Zt::KelApp {
+
+namespace {
+
+// The fewest digits that read back to the same double: a declared 0.1 is written 0.1.
+std::string shortestNumber(double value) {
+    char buffer[40];
+    for (int digits = 1; digits <= 17; ++digits) {
+        std::snprintf(buffer, sizeof buffer, "%.*g", digits, value);
+        if (std::strtod(buffer, nullptr) == value) break;
+    }
+    return buffer;
+}
+
+}  // namespace
+
+std::string jsonDeclarations(const ScriptDeclarations& declarations) {
+    std::string out = "{\"parameters\": [";
+    for (std::size_t i = 0; i < declarations.parameters.size(); ++i) {
+        const DeclaredParameter& p = declarations.parameters[i];
+        out += i ? ", " : "";
+        out += "{\"name\": " + jsonString(p.name) + ", \"kind\": " + jsonString(kindName(p.kind));
+        out += ", \"label\": " + (p.label.empty() ? std::string("null") : jsonString(p.label));
+        out += ", \"default\": " + (p.defaultValue ? shortestNumber(*p.defaultValue) : "null");
+        out += ", \"range\": " +
+               (p.range ? "[" + shortestNumber(p.range->first) + ", " + shortestNumber(p.range->second) + "]" : "null");
+        out += ", \"line\": " + std::to_string(p.line) + "}";
+    }
+    out += "], \"problems\": [";
+    for (std::size_t i = 0; i < declarations.problems.size(); ++i) {
+        const DeclarationProblem& p = declarations.problems[i];
+        out += i ? ", " : "";
+        out += "{\"line\": " + std::to_string(p.line) + ", \"column\": " + std::to_string(p.column) +
+               ", \"message\": " + jsonString(p.message) + "}";
+    }
+    return out + "]}";
 }
 
 }  // namespace Zt::KelApp

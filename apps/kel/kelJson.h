@@ -1,4 +1,4 @@
-// The JSON report of `kel check --json` and `kel render --json` (described in docs as the JSON report): a few
+// The JSON of `kel check --json`, `kel render --json` and `kel params`: a few
 // writers that keep the exact shapes and number formats in one place.
 #pragma once
 
@@ -6,6 +6,7 @@
 
 #include "Peb.h"
 #include "PxTileRenderer.h"
+#include "kelDeclarations.h"
 
 namespace Zt::KelApp {
 
@@ -17,6 +18,9 @@ std::string jsonFloat(float value);
 std::string jsonDouble(double value);
 // "ok": ..., "errors": [...] without the braces.
 std::string jsonStatus(bool ok, const Vector<PebError>& errors);
+// The script's declarations: {"parameters": [{"name", "kind", "label", "default", "range",
+// "line"}], "problems": [{"line", "column", "message"}]}, null for what a declaration leaves out.
+std::string jsonDeclarations(const ScriptDeclarations& declarations);
 // One render's object: ok, errors, width, height, validity and, with `dump`, pixels (rows from
 // the bottom up, each a list of [r, g, b, a] from left to right).
 std::string jsonRender(const Vector<PebError>& errors, const PxRenderedImage& image, bool dump);

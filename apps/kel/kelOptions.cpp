@@ -4,7 +4,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <numeric>
 #include <regex>
+#include <set>
 
 namespace Zt::KelApp {
 
@@ -98,23 +100,50 @@ double parseTime(const std::string& option, const std::string& text) {
     return value;
 }
 
-std::pair<int, int> parseFrames(const std::string& text) {
-    static const std::regex range("(-?[0-9]{1,9})(?:-(-?[0-9]{1,9}))?");
-    std::smatch m;
-    if (!std::regex_match(text, m, range)) bad("--frames", text, "A-B");
-    const int a = std::stoi(m[1]), b = m[2].matched ? std::stoi(m[2]) : a;
-    if (!withinTimeLimits(a) || !withinTimeLimits(b)) bad("--frames", text, "A-B with frames " + timeLimits());
-    if (b < a) bad("--frames", text, "A-B with A <= B");
-    return {a, b};
+std::vector<int> parseFrames(const std::string& text) {
+    static const std::regex item("(-?[0-9]{1,9})(?:-(-?[0-9]{1,9})(?:x([0-9]{1,9}))?)?");
+    const std::string form = "A, A-B or A-BxS, or a comma-separated list of them";
+    std::vector<int> frames;
+    std::set<int> seen;
+    std::size_t start = 0;
+    while (true) {
+        const std::size_t comma = text.find(',', start);
+        const std::string part = text.substr(start, comma - start);
+        std::smatch m;
+        if (!std::regex_match(part, m, item)) bad("--frames", text, form);
+        const long long a = std::stoll(m[1]), b = m[2].matched ? std::stoll(m[2]) : a, step = m[3].matched ? std::stoll(m[3]) : 1;
+        if (!withinTimeLimits(double(a)) || !withinTimeLimits(double(b))) bad("--frames", text, "frames " + timeLimits());
+        if (b < a) bad("--frames", text, "A-B with A <= B");
+        if (step < 1) bad("--frames", text, "a step S of at least 1 in A-BxS");
+        for (long long f = a; f <= b; f += step) {
+            if (!seen.insert(int(f)).second) bad("--frames", text, "each frame once (" + std::to_string(f) + " is listed twice)");
+            frames.push_back(int(f));
+        }
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+    }
+    return frames;
 }
 
 std::pair<int, int> parseRatio(const std::string& option, const std::string& text) {
-    static const std::regex ratio("([0-9]{1,6})(?:/([0-9]{1,6}))?");
+    static const std::regex ratio("([0-9]{1,6})(?:/([0-9]{1,6})|\\.([0-9]{1,6}))?");
+    const std::string form = "N/D or a decimal, positive (1.5 or 3/2)";
     std::smatch m;
-    if (!std::regex_match(text, m, ratio)) bad(option, text, "N/D with positive N and D");
-    const int n = std::stoi(m[1]), d = m[2].matched ? std::stoi(m[2]) : 1;
-    if (n < 1 || d < 1) bad(option, text, "N/D with positive N and D");
-    return {n, d};
+    if (!std::regex_match(text, m, ratio)) bad(option, text, form);
+    long long n = std::stoll(m[1]), d = m[2].matched ? std::stoll(m[2]) : 1;
+    if (m[3].matched) {
+        // 1.25 is 125/100 before reduction.
+        for (char digit : m[3].str()) {
+            n = n * 10 + (digit - '0');
+            d *= 10;
+        }
+    }
+    if (n < 1 || d < 1) bad(option, text, form);
+    const long long divisor = std::gcd(n, d);
+    n /= divisor;
+    d /= divisor;
+    if (n > 999999 || d > 999999) bad(option, text, "a ratio whose reduced N/D are at most 999999");
+    return {int(n), int(d)};
 }
 
 int parseInteger(const std::string& option, const std::string& text, int minimum, int maximum) {

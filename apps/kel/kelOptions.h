@@ -30,9 +30,10 @@ std::vector<double> parseColorValue(const std::string& option, const std::string
 std::pair<int, int> parseSize(const std::string& option, const std::string& text);
 // A time: a finite number within the validity limits (PxValidityInterval::kMinTime, kMaxTime).
 double parseTime(const std::string& option, const std::string& text);
-// A-B (or a single frame A), A <= B, both within the validity limits.
-std::pair<int, int> parseFrames(const std::string& text);
-// N/D (or N), both positive.
+// A comma-separated list of frames or ranges: A, A-B or A-BxS (every S-th frame from A to B),
+// each frame within the validity limits and listed once; the frames in the order given.
+std::vector<int> parseFrames(const std::string& text);
+// N/D, N, or a decimal (1.5 is 3/2), reduced; N and D positive and at most 999999.
 std::pair<int, int> parseRatio(const std::string& option, const std::string& text);
 int parseInteger(const std::string& option, const std::string& text, int minimum, int maximum);
 double parseSeconds(const std::string& option, const std::string& text);

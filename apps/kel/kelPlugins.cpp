@@ -1,6 +1,7 @@
 #include "kelPlugins.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "kelOptions.h"
@@ -9,13 +10,15 @@ namespace Zt::KelApp {
 
 void loadPlugins(const std::string& ownDirectory) {
     PiPluginLoader loader;
-    const std::string fallback = ownDirectory + "/" KEL_DEFAULT_PLUGIN_DIR;
+    // Beside the executable's real path, so that a symbolic link to kel finds the packages too.
+    const std::string fallback = std::filesystem::path(ownDirectory + "/" KEL_DEFAULT_PLUGIN_DIR).lexically_normal().string();
+    const char* path = std::getenv("KEL_PLUGIN_PATH");
     try {
-        for (const std::string& directory : PiPluginLoader::directories(std::getenv("KEL_PLUGIN_PATH"), fallback))
-            loader.loadDirectory(directory);
+        for (const std::string& directory : PiPluginLoader::directories(path, fallback)) loader.loadDirectory(directory);
         loader.initializePackages();
     } catch (const ExBase& e) {
-        throw UsageError(e.getReason());
+        throw UsageError(e.getReason() + (path && *path ? " (from KEL_PLUGIN_PATH)"
+                                                        : "; set KEL_PLUGIN_PATH to the directory of the plug-in packages"));
     }
 }
 

@@ -28,6 +28,11 @@ struct Frame {
     std::optional<int> number;
 };
 
+// A failure in a sequence names its frame, so that the log of a long render says which one.
+std::string failedFrame(const Frame& frame, const std::string& output) {
+    return "frame " + std::to_string(frame.number.value_or(0)) + " (" + output + ") failed: ";
+}
+
 // The parameter list in command-line order, the output last.
 void addParameters(PebController& controller, const Invocation& in) {
     if (!controller.setOutputName(in.outputName)) throw UsageError("invalid output name '" + in.outputName + "'");
@@ -51,16 +56,15 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         if (!p.value) throw UsageError("render needs a file for the image input: -i " + p.name + "=FILE");
         if (!firstImage) firstImage = &p;
     }
+    const bool sequence = !in.frames.empty();
     std::vector<Frame> frames;
-    if (in.frames)
-        for (int f = in.frames->first; f <= in.frames->second; ++f) frames.push_back({double(f), f});
-    else
-        frames.push_back({in.time, std::nullopt});
+    for (int f : in.frames) frames.push_back({double(f), f});
+    if (!sequence) frames.push_back({in.time, std::nullopt});
     const auto expand = [](const std::string& path, const Frame& frame) {
         return frame.number ? expandFramePath(path, *frame.number) : path;
     };
     // A frame of a sequence input is read at its frame; a still input once, for every frame.
-    const auto isSequence = [&in](const ParameterOption& p) { return in.frames && hasFramePattern(*p.value); };
+    const auto isSequence = [sequence](const ParameterOption& p) { return sequence && hasFramePattern(*p.value); };
 
     // Refused before any work: rendering over an input, an output that can't be written, an
     // input (any frame of it) that can't be read.
@@ -82,13 +86,13 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
             stills[i] = readImage(*p.value, PxValidityInterval::getFull());
     }
     // The output's rectangle is the first image input's; --size only stands in for it.
-    if (firstImage && in.size)
+    if (firstImage && in.size && !in.quiet)
         std::cerr << "kel: --size is ignored: the image input " << firstImage->name << " (" << *firstImage->value
                   << ") gives the output's size\n";
 
     // With --json the report carries the script's messages: no human text then.
     const bool ok = compile(controller, in, script);
-    if (!in.json) printErrors(script, controller.getErrors());
+    if (!in.json) printErrors(script, controller, !in.quiet);
     if (!ok) {
         if (in.json) std::cout << "{" << jsonStatus(false, controller.getErrors()) << "}\n";
         return kExitRefused;
@@ -97,13 +101,13 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
     PxRequestMgr& requests = PxRequestMgr::getInstance();
     Watchdog watchdog(in.timeout);
     PxTileRenderer renderer(in.threads);
-    ProgressBar bar(frames.size());
+    RenderProgress progress(frames.size(), sequence, in.quiet);
     std::vector<std::string> reports;
     // Every frame goes to a temporary file; all are renamed into place after the last one, and
     // a failure or cancellation anywhere removes them all (no partial output).
     OutputFiles outputs;
     const auto cancelled = [&] {
-        bar.clear();
+        progress.clear();
         std::cerr << "kel: render cancelled"
                   << (watchdog.expired() ? " after the time limit of " + (std::ostringstream() << *in.timeout).str() + " s"
                                          : cancellingSignal() ? std::string(" by ") + cancellingSignal() : "")
@@ -115,36 +119,47 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         const Frame& frame = frames[f];
         // A still input holds for all time; a frame of a sequence at its own time only.
         const PxValidityInterval instant(frame.time, 2, frame.time, 2);
-        Vector<PxNodePtr<const PxImageProtocol>> inputs;
-        Vector<double> values;
-        for (std::size_t i = 0; i < in.parameters.size(); ++i) {
-            const ParameterOption& p = in.parameters[i];
-            if (p.type == PebInterpreterTypes::Float) values.push_back(p.value ? parseFloatValue("-f", *p.value) : 0.0);
-            if (p.type != PebInterpreterTypes::Image) continue;
-            inputs.push_back(isSequence(p) ? readImage(expand(*p.value, frame), instant) : stills[i]);
-        }
         FrameRequest request;
         request.time = frame.time;
         request.scaleLevel = in.scaleLevel;
         request.pixelAspect = in.pixelAspect;
         request.size = in.size;
         request.tile = in.tile;
-        renderer.setProgress([&bar, f](std::size_t done, std::size_t total) { bar.update(f, done, total); });
+        request.seed = in.seed;
+        request.progress = [&progress, f](std::size_t done, std::size_t total, std::size_t pixels) {
+            progress.update(f, done, total, pixels);
+        };
+        const std::string output = expand(in.outputPath, frame);
         RenderedFrame rendered;
         try {
-            rendered = renderFrame(controller, renderer, inputs, values, request, expand(in.outputPath, frame));
+            Vector<PxNodePtr<const PxImageProtocol>> inputs;
+            Vector<double> values;
+            for (std::size_t i = 0; i < in.parameters.size(); ++i) {
+                const ParameterOption& p = in.parameters[i];
+                if (p.type == PebInterpreterTypes::Float) values.push_back(p.value ? parseFloatValue("-f", *p.value) : 0.0);
+                if (p.type != PebInterpreterTypes::Image) continue;
+                inputs.push_back(isSequence(p) ? readImage(expand(*p.value, frame), instant) : stills[i]);
+            }
+            rendered = renderFrame(controller, renderer, inputs, values, request, output);
+            if (requests.isCancelled()) return cancelled();
+            outputs.write(output, rendered.image, rendered.format);
         } catch (const ExCancelled&) {
             return cancelled();
+        } catch (const FileError& e) {
+            if (!sequence) throw;
+            throw FileError(failedFrame(frame, output) + e.what());
+        } catch (const ExBase& e) {
+            if (!sequence) throw;
+            throw ExBase("kel", 0, failedFrame(frame, output) + readableReason(e));
         }
-        if (requests.isCancelled()) return cancelled();
-        outputs.write(expand(in.outputPath, frame), rendered.image, rendered.format);
+        progress.frameDone(f, frame.number.value_or(0), output);
         if (in.json) reports.push_back(jsonRender(controller.getErrors(), rendered.image, in.dump));
     }
     if (requests.isCancelled()) return cancelled();
-    bar.clear();
+    progress.clear();
     outputs.commit();
     if (in.json) {
-        if (in.frames) {
+        if (sequence) {
             std::cout << "{\"frames\": [";
             for (std::size_t i = 0; i < reports.size(); ++i) std::cout << (i ? ", " : "") << reports[i];
             std::cout << "]}\n";

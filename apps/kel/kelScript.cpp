@@ -5,9 +5,8 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <sstream>
-#include <vector>
 
+#include "kelHints.h"
 #include "kelImageFiles.h"
 
 namespace Zt::KelApp {
@@ -17,7 +16,12 @@ namespace fs = std::filesystem;
 Script readScript(const Invocation& in) {
     if (in.hasScriptText && !in.scriptPath.empty()) throw UsageError("give either SCRIPT or -e TEXT, not both");
     if (in.hasScriptText) return {"<script>", in.scriptText};
-    if (in.scriptPath.empty()) throw UsageError("no script: give SCRIPT or -e TEXT");
+    if (in.scriptPath.empty()) throw UsageError("no script: give SCRIPT, - for standard input, or -e TEXT");
+    if (in.scriptPath == "-") {
+        std::string text{std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>()};
+        if (std::cin.bad()) throw FileError("cannot read the script from standard input");
+        return {"<stdin>", text};
+    }
     std::error_code error;
     if (fs::is_directory(in.scriptPath, error)) throw FileError("cannot read " + in.scriptPath + ": it is a directory");
     std::ifstream file(in.scriptPath, std::ios::binary);
@@ -27,21 +31,24 @@ Script readScript(const Invocation& in) {
     return {in.scriptPath, text};
 }
 
-void printErrors(const Script& script, const Vector<PebError>& errors) {
-    std::vector<std::string> lines;
-    std::istringstream text(script.text);
-    for (std::string line; std::getline(text, line);) lines.push_back(line);
-    for (const PebError& e : errors) {
-        if (e.getLine() <= 0) {
-            std::cerr << script.name << ": " << e.getMessage() << "\n";
-            continue;
-        }
-        std::cerr << script.name << ":" << e.getLine() << ": " << e.getMessage() << "\n";
-        if (std::size_t(e.getLine()) <= lines.size()) {
-            std::string line = lines[std::size_t(e.getLine()) - 1];
-            if (!line.empty() && line.back() == '\r') line.pop_back();
-            std::cerr << line << "\n";
-        }
+void printErrors(const Script& script, const PebController& controller, bool warnings) {
+    const bool compiled = controller.isCompiled();
+    if (controller.getErrors().empty() || (compiled && !warnings)) return;
+    HintSources hints{controller.describeFunctions(), {}};
+    for (const PebParameterInfo& p : controller.getParameters()) hints.parameters.push_back(p.getName());
+    const SourceLines source(script.text);
+    for (const PebError& e : controller.getErrors())
+        printDiagnostic(std::cerr, script.name, source, explain(e, compiled, source, hints));
+}
+
+void printDeclarationProblems(const Script& script, const std::vector<DeclarationProblem>& problems) {
+    const SourceLines source(script.text);
+    for (const DeclarationProblem& p : problems) {
+        Diagnostic d;
+        d.line = p.line;
+        d.column = p.column;
+        d.message = p.message;
+        printDiagnostic(std::cerr, script.name, source, d);
     }
 }
 

@@ -258,7 +258,7 @@ class KelBadInput(unittest.TestCase):
         sum_script = self.write("sum.kel", "out = 1" + " + 1" * 250000 + ";\n")
         code, _, err = run("render", sum_script, "--size", "4x4", "-o", self.path("o.exr"))
         self.assertEqual(code, 1, err)
-        self.assertEqual(err.strip(), sum_script + ": Error: Script too long")
+        self.assertEqual(err.strip(), sum_script + ": error: Error: Script too long")
         self.assertFalse(os.path.exists(self.path("o.exr")))
         # A megabyte of comments and short statements (under the statement limit) renders.
         big = "float v = 1;\n" + ("// " + "c" * 1000 + "\n") * 1100 + "v = v + 1;\n" * 900 + "out = v;\n"
@@ -292,7 +292,7 @@ class KelBadInput(unittest.TestCase):
         }
         for case, (low, make) in deepest.items():
             code, _, err = run("check", "-e", make(low + 1))
-            self.assertEqual((code, err.strip()), (1, "<script>: Error: Script too long"), case)
+            self.assertEqual((code, err.strip()), (1, "<script>: error: Error: Script too long"), case)
             script = self.write(case + ".kel", make(low))
             code, out, err = run("print", script)
             self.assertEqual(code, 0, (case, err))

@@ -80,7 +80,7 @@ class KelHelp(unittest.TestCase):
 
     def test_contract_read(self):
         # The parsing of cli.md itself: a failure here means cli.md changed shape.
-        self.assertEqual(sorted(self.contract.synopses), ["check", "print", "render", "tools", "version"])
+        self.assertEqual(sorted(self.contract.synopses), ["check", "help", "params", "print", "render", "tools", "version"])
         self.assertIn("--dump", self.contract.render_options)
         self.assertIn("--out", self.contract.parameters)
         self.assertEqual(self.contract.statuses, [0, 1, 2, 3])

@@ -7,15 +7,15 @@
 
 namespace Zt::KelApp {
 
-std::pair<int, int> FrameChunks::chunk(int index) const {
-    const int begin = first + index * size;
-    return {begin, std::min(begin + size - 1, last)};
+std::vector<int> FrameChunks::chunk(int index) const {
+    const std::size_t begin = std::size_t(index) * std::size_t(size);
+    return {frames.begin() + begin, frames.begin() + std::min(frames.size(), begin + std::size_t(size))};
 }
 
-std::vector<int> missingFrames(const std::string& outputPattern, int first, int last) {
+std::vector<int> missingFrames(const std::string& outputPattern, const std::vector<int>& frames) {
     std::vector<int> missing;
     std::error_code error;
-    for (int frame = first; frame <= last; ++frame)
+    for (const int frame : frames)
         if (!std::filesystem::exists(expandFramePath(outputPattern, frame), error)) missing.push_back(frame);
     return missing;
 }

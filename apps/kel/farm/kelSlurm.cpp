@@ -4,6 +4,7 @@
 #include <regex>
 #include <sstream>
 
+#include "kelFrameChunks.h"
 #include "kelImageFiles.h"
 #include "kelProgram.h"
 
@@ -96,19 +97,17 @@ std::string firstLine(const std::string& text) {
 }  // namespace
 
 std::string encodeRecord(const SequenceRecord& record) {
-    return "kel frames=" + std::to_string(record.chunks.first) + ":" + std::to_string(record.chunks.last) +
-           " chunk=" + std::to_string(record.chunks.size) + " output=" + percentEncode(record.output);
+    return "kel frames=" + record.frames + " chunk=" + std::to_string(record.chunk) +
+           " output=" + percentEncode(record.output);
 }
 
 std::optional<SequenceRecord> decodeRecord(const std::string& comment) {
-    static const std::regex form("kel frames=(-?[0-9]{1,9}):(-?[0-9]{1,9}) chunk=([0-9]{1,9}) output=(\\S+)");
+    static const std::regex form("kel frames=([-,x0-9]+) chunk=([1-9][0-9]{0,8}) output=(\\S+)");
     std::smatch m;
     if (!std::regex_match(comment, m, form)) return std::nullopt;
-    SequenceRecord record{{std::stoi(m[1]), std::stoi(m[2]), std::stoi(m[3])}, ""};
-    const std::optional<std::string> output = percentDecode(m[4]);
-    if (!output || record.chunks.size < 1 || record.chunks.last < record.chunks.first) return std::nullopt;
-    record.output = *output;
-    return record;
+    const std::optional<std::string> output = percentDecode(m[3]);
+    if (!output) return std::nullopt;
+    return SequenceRecord{m[1], std::stoi(m[2]), *output};
 }
 
 bool isUnfinished(const std::string& state) {

@@ -7,14 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "kelFrameChunks.h"
 
 namespace Zt::KelApp {
 
-// The sequence a job renders: its frames, their chunks (array task i renders chunk i) and the
-// absolute output pattern.
+// The sequence a job renders: its frames as --frames gave them, the frames per chunk (array
+// task i renders chunk i) and the absolute output pattern.
 struct SequenceRecord {
-    FrameChunks chunks;
+    std::string frames;
+    int chunk = 1;
     std::string output;
 };
 

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <map>
 
+#include "kelFrameChunks.h"
 #include "kelImageFiles.h"
 #include "kelProgram.h"
 #include "kelRender.h"
@@ -15,17 +16,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The shell command of every task: array task i renders chunk i. The task gets as many threads
-// as Slurm gave it CPUs, unless the render's arguments name a thread count (then the submission
-// asked for that many CPUs per task).
-std::string taskCommand(const Invocation& in, const FrameChunks& chunks) {
-    const std::string first = std::to_string(chunks.first), last = std::to_string(chunks.last);
-    std::string command = "first=$((" + first + " + SLURM_ARRAY_TASK_ID * " + std::to_string(chunks.size) +
-                          ")); last=$((first + " + std::to_string(chunks.size - 1) + ")); if [ \"$last\" -gt " +
-                          last + " ]; then last=" + last + "; fi; exec " +
-                          shellWord(fs::read_symlink("/proc/self/exe").string()) + " render";
+// The shell command of every task: array task i renders chunk i, its frames looked up in a
+// table so that any list of frames cuts the same way. The task gets as many threads as Slurm
+// gave it CPUs, unless the render's arguments name a thread count (then the submission asked
+// for that many CPUs per task).
+std::string taskCommand(const Invocation& in, const FrameChunks& chunks, const std::vector<int>& tasks) {
+    std::string command = "case $SLURM_ARRAY_TASK_ID in";
+    for (const int task : tasks) command += " " + std::to_string(task) + ") frames=" + numberRanges(chunks.chunk(task)) + ";;";
+    command += " esac; exec " + shellWord(fs::read_symlink("/proc/self/exe").string()) + " render";
     for (const std::string& argument : in.farm.renderArguments) command += " " + shellWord(argument);
-    command += " --frames=\"$first-$last\" --each-frame --skip-existing";
+    command += " --frames=\"$frames\" --each-frame --skip-existing";
     if (in.threads == 0) command += " --threads=\"$SLURM_CPUS_ON_NODE\"";
     return command;
 }
@@ -34,21 +34,19 @@ std::string taskCommand(const Invocation& in, const FrameChunks& chunks) {
 
 int runSubmitSlurm(PebController& controller, const Invocation& in, const Script& script) {
     const bool ok = compile(controller, in, script);
-    printErrors(script, controller.getErrors());
+    printErrors(script, controller);
     if (!ok) {
         std::cerr << "kel: the script was refused; nothing submitted\n";
         return kExitRefused;
     }
-    const FrameChunks chunks{in.frames->first, in.frames->second, in.farm.chunk};
+    const FrameChunks chunks{in.frames, in.farm.chunk};
     std::vector<int> tasks;
     for (int i = 0; i < chunks.count(); ++i) {
-        const auto [first, last] = chunks.chunk(i);
-        const std::vector<int> missing = missingFrames(in.outputPath, first, last);
-        if (missing.empty()) continue;
+        const std::vector<int> missing = missingFrames(in.outputPath, chunks.chunk(i));
         for (const int frame : missing) checkWritable(expandFramePath(in.outputPath, frame));
-        tasks.push_back(i);
+        if (!missing.empty()) tasks.push_back(i);
     }
-    const std::string frames = std::to_string(chunks.first) + "-" + std::to_string(chunks.last);
+    const std::string frames = numberRanges(in.frames);
     if (tasks.empty()) {
         std::cerr << "kel: frames " << frames << " of " << in.outputPath << " exist already; nothing submitted\n";
         return kExitOk;
@@ -56,10 +54,10 @@ int runSubmitSlurm(PebController& controller, const Invocation& in, const Script
     ArraySubmission submission;
     submission.tasks = tasks;
     submission.name = "kel:" + fs::path(in.outputPath).filename().string();
-    submission.comment = encodeRecord({chunks, fs::absolute(in.outputPath).lexically_normal().string()});
+    submission.comment = encodeRecord({frames, chunks.size, fs::absolute(in.outputPath).lexically_normal().string()});
     submission.partition = in.farm.partition;
     submission.cpusPerTask = in.threads;
-    submission.command = taskCommand(in, chunks);
+    submission.command = taskCommand(in, chunks, tasks);
     const std::string job = submitArray(submission);
     std::cout << job << "\n";
     std::cerr << "kel: submitted job " << job << ": frames " << frames << " of " << in.outputPath << " in "
@@ -78,13 +76,13 @@ int runSubmitStatus(const Invocation& in) {
     std::map<int, std::string> states;
     for (const TaskState& task : job.tasks) states[task.index] = task.state;
 
-    const FrameChunks& chunks = record->chunks;
+    const FrameChunks chunks{parseFrames(record->frames), record->chunk};
     std::size_t done = 0, failed = 0, pending = 0;
     std::vector<std::string> failedLines, pendingLines;
     for (int i = 0; i < chunks.count(); ++i) {
-        const auto [first, last] = chunks.chunk(i);
-        const std::vector<int> missing = missingFrames(record->output, first, last);
-        done += std::size_t(last - first + 1) - missing.size();
+        const std::vector<int> frames = chunks.chunk(i);
+        const std::vector<int> missing = missingFrames(record->output, frames);
+        done += frames.size() - missing.size();
         if (missing.empty()) continue;
         const auto state = states.find(i);
         const bool unfinished = state != states.end() && isUnfinished(state->second);
@@ -93,8 +91,8 @@ int runSubmitStatus(const Invocation& in) {
         (unfinished ? pendingLines : failedLines).push_back(line);
         (unfinished ? pending : failed) += missing.size();
     }
-    std::cout << "job " << in.farm.job << ": frames " << chunks.first << "-" << chunks.last << " of " << record->output
-              << ": " << done << " done, " << failed << " failed, " << pending << " pending\n";
+    std::cout << "job " << in.farm.job << ": frames " << record->frames << " of " << record->output << ": " << done
+              << " done, " << failed << " failed, " << pending << " pending\n";
     for (const std::string& line : failedLines) std::cout << "failed " << line << "\n";
     for (const std::string& line : pendingLines) std::cout << "pending " << line << "\n";
     return failed > 0 ? kExitFramesFailed : kExitOk;

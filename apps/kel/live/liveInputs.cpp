@@ -55,10 +55,10 @@ LiveInputs::LiveInputs(const Invocation& in) {
     for (const ParameterOption& p : in.parameters) {
         if (p.type != PebInterpreterTypes::Image) continue;
         if (!p.value) throw UsageError("live needs a file for the image input: -i " + p.name + "=FILE");
-        Input input{p.name, *p.value, in.frames && hasFramePattern(*p.value), 0, nullptr};
+        Input input{p.name, *p.value, !in.frames.empty() && hasFramePattern(*p.value), 0, nullptr};
         if (input.sequence)
-            for (int f = in.frames->first + 1; f <= in.frames->second; ++f) checkReadable(expandFramePath(input.path, f));
-        const int first = in.frames ? in.frames->first : 0;
+            for (int f : in.frames) checkReadable(expandFramePath(input.path, f));
+        const int first = in.frames.empty() ? 0 : in.frames.front();
         input.frame = first - 1;  // nothing read yet
         const PxNodePtr<const PxImageProtocol>& read = image(input, first);
         if (!_firstSize) {

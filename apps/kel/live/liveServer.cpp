@@ -152,7 +152,7 @@ struct LiveServer::Routes {
     PageState state(const json& body) const {
         PageState s;
         s.script = field(body, "script", json::value_t::string, "the script's text").get<std::string>();
-        s.time = session.invocation().frames ? double(session.invocation().frames->first) : session.invocation().time;
+        s.time = session.invocation().frames.empty() ? session.invocation().time : double(session.invocation().frames.front());
         if (body.contains("time")) s.time = finiteNumber(field(body, "time", json::value_t::number_float, "a number"), "time");
         if (body.contains("values")) {
             for (const auto& [name, value] : field(body, "values", json::value_t::object, "an object of numbers").items()) {
@@ -243,13 +243,13 @@ struct LiveServer::Routes {
             const Invocation& in = session.invocation();
             const std::string current = script.text();
             json frames = nullptr;
-            if (in.frames) frames = {in.frames->first, in.frames->second};
+            if (!in.frames.empty()) frames = {*std::min_element(in.frames.begin(), in.frames.end()), *std::max_element(in.frames.begin(), in.frames.end())};
             reply(res, 200,
                   {{"script", script.path()},
                    {"text", current},
                    {"views", session.views()},
                    {"frames", frames},
-                   {"time", in.frames ? double(in.frames->first) : in.time},
+                   {"time", in.frames.empty() ? in.time : double(in.frames.front())},
                    {"scaleLevel", in.scaleLevel},
                    {"proxyLevel", session.proxyLevel()},
                    {"parameters", floatsJson(liveParameters(in, current))}});

@@ -43,9 +43,11 @@ LiveSession::LiveSession(const Invocation& in, const std::string& script)
 }
 
 std::optional<int> LiveSession::frameAt(double time) const {
-    if (!_in.frames) return std::nullopt;
-    const double frame = std::isfinite(time) ? std::round(time) : double(_in.frames->first);
-    return int(std::clamp(frame, double(_in.frames->first), double(_in.frames->second)));
+    if (_in.frames.empty()) return std::nullopt;
+    if (!std::isfinite(time)) return _in.frames.front();
+    // The slider runs over every time; the picture is that of the nearest frame rendered.
+    return *std::min_element(_in.frames.begin(), _in.frames.end(),
+                             [time](int a, int b) { return std::abs(a - time) < std::abs(b - time); });
 }
 
 bool LiveSession::compile(const LiveParameters& parameters, const std::string& script,

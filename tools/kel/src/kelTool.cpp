@@ -4,6 +4,7 @@
 
 #include "PebController.h"
 #include "PiImageModifierInfo.h"
+#include "kelFunctions.h"
 #include "kelInterpreter.h"
 
 namespace Zt {
@@ -20,6 +21,23 @@ public:
     void printProgram() const override {
         const RCShdPtr<KelRunInfo> info = rcCheckedCast<KelRunInfo>(getRunInfo());
         if (info && info->function) static_cast<const KelSyntaxTree&>(*info->function).print();
+    }
+
+    // Read from the catalogue's own nodes, so the forms are the ones that calls resolve against.
+    std::vector<PebFunctionForm> describeFunctions() const override {
+        std::map<int, std::string> typeName{{KelValueTypes::Void, "void"}};
+        for (const char* name : {"float", "color", "image"}) typeName[kelTypeNumber(name)] = name;
+        std::vector<PebFunctionForm> forms;
+        for (const std::string& name : KelFunctionTable::namesInOrder()) {
+            const RCShdPtr<FunctionCallNode> node = KelFunctionTable::lookup(name)(0);
+            for (std::size_t i = 0; i < node->returnTypes().size(); ++i) {
+                PebFunctionForm form{name, {}, typeName[node->returnTypes()[i]]};
+                if (i < node->parameterTypes().size())
+                    for (int type : node->parameterTypes()[i]) form.argumentTypes.push_back(typeName[type]);
+                forms.push_back(std::move(form));
+            }
+        }
+        return forms;
     }
 
     // The two factories a PebController leaves to its tool.
