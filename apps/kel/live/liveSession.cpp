@@ -153,7 +153,7 @@ int LiveSession::renderToFile(const PageState& state, const std::string& path) {
     const LiveParameters parameters = liveParameters(_in, state.script);
     in.parameters = _inputs.pathsAt(parameters.withValues(state.values), frame.value_or(0));
     in.outputPath = path;
-    in.frames.reset();
+    in.frames.clear();
     in.time = frame ? double(*frame) : state.time;
     in.json = in.dump = false;
     // runRender gives the controller its own parameter list; the next preview compiles again.
