@@ -40,6 +40,8 @@ struct Invocation {
     std::vector<int> frames;  // empty: one frame at `time`, without --frames
     unsigned seed = 0;
     bool quiet = false;  // no progress and no warnings
+    bool eachFrame = false;     // each frame written when done; a frame that fails does not stop the others
+    bool skipExisting = false;  // frames whose output exists are not rendered
     int scaleLevel = 0;
     std::optional<std::pair<int, int>> pixelAspect;
     int threads = 0;

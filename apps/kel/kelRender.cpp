@@ -33,6 +33,13 @@ std::string failedFrame(const Frame& frame, const std::string& output) {
     return "frame " + std::to_string(frame.number.value_or(0)) + " (" + output + ") failed: ";
 }
 
+// With --each-frame a frame that fails is reported, and the next one rendered.
+void frameFailed(RenderProgress& progress, const std::string& message, std::size_t& failed) {
+    progress.clear();
+    std::cerr << "kel: " << message << "\n";
+    ++failed;
+}
+
 // The parameter list in command-line order, the output last.
 void addParameters(PebController& controller, const Invocation& in) {
     if (!controller.setOutputName(in.outputName)) throw UsageError("invalid output name '" + in.outputName + "'");
@@ -65,9 +72,20 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
     };
     // A frame of a sequence input is read at its frame; a still input once, for every frame.
     const auto isSequence = [sequence](const ParameterOption& p) { return sequence && hasFramePattern(*p.value); };
+    // A frame whose file exists is complete (frames are renamed into place whole): a task run
+    // again does only what is missing.
+    if (in.skipExisting)
+        std::erase_if(frames, [&](const Frame& frame) {
+            const std::string output = expand(in.outputPath, frame);
+            if (!fs::exists(output)) return false;
+            if (!in.quiet) std::cerr << "kel: frame " << frame.number.value_or(0) << " skipped: " << output << " exists\n";
+            return true;
+        });
+    if (frames.empty()) return kExitOk;
 
     // Refused before any work: rendering over an input, an output that can't be written, an
-    // input (any frame of it) that can't be read.
+    // input (any frame of it) that can't be read; with --each-frame, a frame whose input can't
+    // be read fails alone, when its turn comes.
     for (const Frame& frame : frames) {
         const std::string output = expand(in.outputPath, frame);
         for (const ParameterOption& p : in.parameters)
@@ -80,10 +98,12 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
     for (std::size_t i = 0; i < in.parameters.size(); ++i) {
         const ParameterOption& p = in.parameters[i];
         if (p.type != PebInterpreterTypes::Image) continue;
-        if (isSequence(p))
-            for (const Frame& frame : frames) checkReadable(expand(*p.value, frame));
-        else
+        if (isSequence(p)) {
+            if (!in.eachFrame)
+                for (const Frame& frame : frames) checkReadable(expand(*p.value, frame));
+        } else {
             stills[i] = readImage(*p.value, PxValidityInterval::getFull());
+        }
     }
     // The output's rectangle is the first image input's; --size only stands in for it.
     if (firstImage && in.size && !in.quiet)
@@ -104,14 +124,19 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
     RenderProgress progress(frames.size(), sequence, in.quiet);
     std::vector<std::string> reports;
     // Every frame goes to a temporary file; all are renamed into place after the last one, and
-    // a failure or cancellation anywhere removes them all (no partial output).
+    // a failure or cancellation anywhere removes them all (no partial output). With --each-frame
+    // each is renamed into place as soon as it is written.
     OutputFiles outputs;
+    std::size_t written = 0, failed = 0;
     const auto cancelled = [&] {
         progress.clear();
         std::cerr << "kel: render cancelled"
                   << (watchdog.expired() ? " after the time limit of " + (std::ostringstream() << *in.timeout).str() + " s"
-                                         : cancellingSignal() ? std::string(" by ") + cancellingSignal() : "")
-                  << "; nothing written to " << in.outputPath << "\n";
+                                         : cancellingSignal() ? std::string(" by ") + cancellingSignal() : "");
+        if (in.eachFrame)
+            std::cerr << "; " << written << " of " << frames.size() << " frames written before it\n";
+        else
+            std::cerr << "; nothing written to " << in.outputPath << "\n";
         return kExitCancelled;
     };
 
@@ -143,15 +168,21 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
             rendered = renderFrame(controller, renderer, inputs, values, request, output);
             if (requests.isCancelled()) return cancelled();
             outputs.write(output, rendered.image, rendered.format);
+            if (in.eachFrame) outputs.commit();
         } catch (const ExCancelled&) {
             return cancelled();
         } catch (const FileError& e) {
             if (!sequence) throw;
-            throw FileError(failedFrame(frame, output) + e.what());
+            if (!in.eachFrame) throw FileError(failedFrame(frame, output) + e.what());
+            frameFailed(progress, failedFrame(frame, output) + e.what(), failed);
+            continue;
         } catch (const ExBase& e) {
             if (!sequence) throw;
-            throw ExBase("kel", 0, failedFrame(frame, output) + readableReason(e));
+            if (!in.eachFrame) throw ExBase("kel", 0, failedFrame(frame, output) + readableReason(e));
+            frameFailed(progress, failedFrame(frame, output) + readableReason(e), failed);
+            continue;
         }
+        ++written;
         progress.frameDone(f, frame.number.value_or(0), output);
         if (in.json) reports.push_back(jsonRender(controller.getErrors(), rendered.image, in.dump));
     }
@@ -167,7 +198,7 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
             std::cout << reports.front() << "\n";
         }
     }
-    return kExitOk;
+    return failed > 0 ? kExitFramesFailed : kExitOk;
 }
 
 }  // namespace Zt::KelApp

@@ -73,6 +73,7 @@ const char* const kUsage =
     "  check    compile only, and report\n"
     "  print    print the compiled script's syntax tree\n"
     "  params   list the parameters that a script declares, as JSON\n"
+    "  submit   render a sequence on a Slurm cluster, and report its frames\n"
     "  tools    list the registered tools\n"
     "  version  print the versions\n"
     "  help     print the help of kel or of a command\n"
@@ -128,6 +129,13 @@ int main(int argc, char** argv) {
     render->add_option("--timeout", timeout, "cancel the render after that long (exit status 3, nothing written)")
         ->type_name("SECONDS")->group(options);
     render->add_flag("--quiet", in.quiet, "no progress and no warnings; errors are still printed")->group(options);
+    render->add_flag("--each-frame", in.eachFrame,
+                     "write each frame of --frames as soon as it is rendered (whole, or not at all), and go on past "
+                     "a frame that fails: one line names it and why, and the exit status is 4; for farm tasks")
+        ->group(options);
+    render->add_flag("--skip-existing", in.skipExisting,
+                     "skip the frames whose output file exists, so that a task run again renders only what is missing")
+        ->group(options);
     render->add_flag("--json", in.json,
                      "print a JSON report on standard output instead of human text: ok, errors, width, height, "
                      "validity (frames: a list of such reports); usage and file errors and cancellations still "
@@ -137,10 +145,12 @@ int main(int argc, char** argv) {
         ->group(options);
     render->footer(std::string(kParametersFooter) +
                    "\n\nNothing is written to the output unless the render succeeds; a failed or cancelled render\n"
-                   "leaves an earlier file untouched, and rendering over an input is refused. On a terminal a\n"
+                   "leaves an earlier file untouched (with --each-frame: the frames finished before it are\n"
+                   "kept), and rendering over an input is refused. On a terminal a\n"
                    "long render shows a progress bar; otherwise a --frames render prints one line per frame\n"
                    "(its number, time and output), and a single frame nothing unless it fails.\n\n"
-                   "Exit status: 0 written, 1 script refused, 2 usage or file error, 3 cancelled.\n\n"
+                   "Exit status: 0 written, 1 script refused, 2 usage or file error, 3 cancelled, 4 some frames\n"
+                   "failed (--each-frame; the others are written).\n\n"
                    "Example: kel render grade.kel -i src=plate.exr -f gain=1.5 -o graded.exr");
 
     CLI::App* check = app.add_subcommand("check", "kel check (SCRIPT | -e TEXT) [PARAMETERS] [--json]\n"
@@ -169,17 +179,19 @@ int main(int argc, char** argv) {
                                                     "Render a sequence on a Slurm cluster, and follow it.");
     submit->require_subcommand(1);
     CLI::App* submitSlurm = submit->add_subcommand(
-        "slurm", "kel submit slurm (SCRIPT | -e TEXT) [PARAMETERS] -o OUT.####.exr --frames A-B --chunk N "
+        "slurm", "kel submit slurm (SCRIPT | -e TEXT) [PARAMETERS] -o OUT.####.exr --frames LIST --chunk N "
                  "[--partition P] [RENDER OPTIONS]\n"
                  "Submit the sequence as one Slurm job array, a task per chunk of N frames, and print the job id.");
     submitSlurm->allow_extras();
-    submitSlurm->add_option("--frames", frames, "the frames of the sequence")->type_name("A-B")->required();
+    submitSlurm->add_option("--frames", frames, "the frames of the sequence, as kel render takes them; a chunk is N "
+                                                "consecutive frames of this list")
+        ->type_name("LIST")->required();
     submitSlurm->add_option("--chunk", chunk, "frames per task")->type_name("N")->required();
     submitSlurm->add_option("--partition", in.farm.partition, "the Slurm partition; default: the cluster's")
         ->type_name("P");
     submitSlurm->footer(
         "Every other argument is kel render's, and is checked as kel render checks it: each task runs\n"
-        "kel render with them, --frames a-b (its chunk), --each-frame and --skip-existing, in this\n"
+        "kel render with them, --frames of its chunk, --each-frame and --skip-existing, in this\n"
         "directory, so paths must be reachable from the cluster's nodes. --threads N asks Slurm for N\n"
         "CPUs a task; without it a task uses the CPUs Slurm gives it. Chunks whose frames all exist\n"
         "are not submitted, so the same command again submits only what is missing. Other sbatch\n"
@@ -228,7 +240,8 @@ int main(int argc, char** argv) {
                "  0  success (check: also when the errors listed are only warnings)\n"
                "  1  the script was refused: it does not compile\n"
                "  2  a usage error, or a file that can't be read or written\n"
-               "  3  the render was cancelled (--timeout, or an interrupt)\n\n"
+               "  3  the render was cancelled (--timeout, or an interrupt)\n"
+               "  4  render --each-frame: some frames failed, the others were written\n\n"
                "Plug-ins are loaded from the directories of KEL_PLUGIN_PATH (colon-separated), by default\n"
                "from ../plugins beside the kel executable (its real path, symbolic links followed).\n"
                "The language: docs/language.md.");
