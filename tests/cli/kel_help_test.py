@@ -80,10 +80,10 @@ class KelHelp(unittest.TestCase):
 
     def test_contract_read(self):
         # The parsing of cli.md itself: a failure here means cli.md changed shape.
-        self.assertEqual(sorted(self.contract.synopses), ["check", "help", "params", "print", "render", "tools", "version"])
+        self.assertEqual(sorted(self.contract.synopses), ["check", "help", "params", "print", "render", "submit", "tools", "version"])
         self.assertIn("--dump", self.contract.render_options)
         self.assertIn("--out", self.contract.parameters)
-        self.assertEqual(self.contract.statuses, [0, 1, 2, 3])
+        self.assertEqual(self.contract.statuses, [0, 1, 2, 3, 4])
         self.assertIn("--time", self.contract.defaults)
 
     def test_main_help_lists_every_command_with_its_synopsis(self):
