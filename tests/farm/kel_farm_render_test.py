@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """`kel render` as a farm task: --each-frame writes the frames it can and names each one that
 failed (exit status 4), --skip-existing leaves written frames alone, and a frame's pixels do not
-depend on the thread count or the tile size. Usage: kel_farm_render_test.py KEL_BINARY."""
+depend on the thread count or the tile size. And `kel submit status` read from accounting (sacct)
+once the queue has forgotten the job, through stand-in Slurm commands.
+Usage: kel_farm_render_test.py KEL_BINARY."""
 import json
 import os
 import subprocess
@@ -14,12 +16,10 @@ SCRIPT = "out = color(x / 16 + t * 0.1, y / 12, sin(x * y + t), 1) * src;"
 
 
 class FarmTask(unittest.TestCase):
-    def setUp(self):
-        self.tmp = tempfile.TemporaryDirectory()
-        self.dir = self.tmp.name
+    """Each test in a directory of its own, which kel runs in."""
 
-    def tearDown(self):
-        self.tmp.cleanup()
+    def setUp(self):
+        self.dir = self.enterContext(tempfile.TemporaryDirectory())
 
     def path(self, name):
         return os.path.join(self.dir, name)
@@ -76,6 +76,29 @@ class FarmTask(unittest.TestCase):
             pixels.append([frame["pixels"] for frame in json.loads(run.stdout)["frames"]])
         for i in range(1, len(settings)):
             self.assertEqual(pixels[i], pixels[0], settings[i])
+
+    def test_status_from_accounting(self):
+        # squeue no longer knows the job; sacct gives a task per line, pending ones as a range.
+        record = "kel frames=1-6 chunk=2 output=" + self.path("o%20u.##.exr")
+        bin_dir = self.path("bin")
+        os.mkdir(bin_dir)
+        commands = {"squeue": "echo 'slurm_load_jobs error: Invalid job id specified' >&2; exit 1",
+                    "sacct": "printf '%s\\n' '7_0|COMPLETED|{0}' '7_1|CANCELLED by 0|{0}' '7_[2]|PENDING|{0}'"
+                             .format(record)}
+        for name, body in commands.items():
+            with open(os.path.join(bin_dir, name), "w") as f:
+                f.write("#!/bin/sh\n" + body + "\n")
+            os.chmod(os.path.join(bin_dir, name), 0o755)
+        for frame in (1, 2, 5):
+            open(self.path("o u.%02d.exr" % frame), "w").close()
+        env = dict(os.environ, PATH=bin_dir + ":" + os.environ["PATH"])
+        run = subprocess.run([KEL, "submit", "status", "7"], capture_output=True, text=True, env=env, timeout=60)
+        self.assertEqual(run.returncode, 4, run.stderr)
+        self.assertEqual(run.stdout.splitlines(), [
+            "job 7: frames 1-6 of %s: 3 done, 2 failed, 1 pending" % self.path("o u.##.exr"),
+            "failed 3-4: task 1 CANCELLED",
+            "pending 6: task 2 PENDING"])
+
 
 if __name__ == "__main__":
     KEL = sys.argv.pop(1)
