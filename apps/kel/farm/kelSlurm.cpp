@@ -1,6 +1,7 @@
 #include "kelSlurm.h"
 
 #include <algorithm>
+#include <cctype>
 #include <regex>
 #include <sstream>
 
@@ -89,10 +90,7 @@ JobTasks parseTaskLines(const std::string& text, TaskIndices taskIndices) {
     return job;
 }
 
-std::string firstLine(const std::string& text) {
-    std::string line = text.substr(0, text.find('\n'));
-    return line;
-}
+std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
 
 }  // namespace
 
