@@ -11,7 +11,8 @@ packages=(g++ cmake make flex bison libopenimageio-dev openimageio-tools libtbb-
           pybind11-dev python3-dev python3-numpy python3-pytest  # the Python module (python/)
           clang libclang-rt-14-dev  # clang and libFuzzer: the fuzz stage of scripts/test.sh
           pkg-config libcpp-httplib-dev nlohmann-json3-dev  # the server of `kel live`
-          chromium chromium-driver python3-selenium)  # the live page's tests in a real browser
+          chromium chromium-driver python3-selenium  # the live page's tests in a real browser
+          slurm-wlm munge)          # a one-node cluster for the render-farm test (tests/farm)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

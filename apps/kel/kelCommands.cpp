@@ -18,6 +18,7 @@
 #include "kelPlugins.h"
 #include "kelRender.h"
 #include "kelScript.h"
+#include "farm/kelSubmit.h"
 
 namespace Zt::KelApp {
 
@@ -142,6 +143,7 @@ int runCommand(const Invocation& in) {
     try {
         if (in.command == "tools") return runTools();
         if (in.command == "version") return runVersion();
+        if (in.command == "submit status") return runSubmitStatus(in);
         const Script script = readScript(in);
         if (in.command == "params") return runParams(script);
         const std::optional<Invocation> resolved = withDeclarations(in, script);
@@ -150,6 +152,7 @@ int runCommand(const Invocation& in) {
         PebController& controller = createController(holder);
         if (in.command == "check") return runCheck(controller, *resolved, script);
         if (in.command == "print") return runPrint(controller, *resolved, script);
+        if (in.command == "submit slurm") return runSubmitSlurm(controller, *resolved, script);
         return runRender(controller, *resolved, script);
     } catch (const FileError& e) {
         std::cerr << "kel: " << e.what() << "\n";

@@ -17,6 +17,15 @@ constexpr int kExitOk = 0;
 constexpr int kExitRefused = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitCancelled = 3;
+constexpr int kExitFramesFailed = 4;  // some frames of a sequence were not written; the others were
+
+// `kel submit`: the render's own arguments, which every farm task repeats, and the farm's settings.
+struct FarmOptions {
+    std::vector<std::string> renderArguments;  // as given, without --frames (each task has its own)
+    int chunk = 0;
+    std::string partition;
+    std::string job;  // submit status
+};
 
 struct Invocation {
     std::string command;
@@ -32,6 +41,8 @@ struct Invocation {
     std::vector<int> frames;  // empty: one frame at `time`, without --frames
     unsigned seed = 0;
     bool quiet = false;  // no progress and no warnings
+    bool eachFrame = false;     // each frame written when done; a frame that fails does not stop the others
+    bool skipExisting = false;  // frames whose output exists are not rendered
     int scaleLevel = 0;
     std::optional<std::pair<int, int>> pixelAspect;
     int threads = 0;
@@ -42,6 +53,7 @@ struct Invocation {
     // How the output files are written (-d, --compression, --channels, --out-colorspace,
     // --no-metadata), and the command line for their history.
     ImageWriteOptions write;
+    FarmOptions farm;
 };
 
 // Runs the command; returns the exit status. Throws UsageError for a usage error.

@@ -94,9 +94,20 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
     const auto sourceAt = [&expand](const ImageParameter& image, const Frame& frame) {
         return ImageSource{expand(image.source.path, frame), image.source.options};
     };
+    // A frame whose file exists is complete (frames are renamed into place whole): a task run
+    // again does only what is missing.
+    if (in.skipExisting)
+        std::erase_if(frames, [&](const Frame& frame) {
+            const std::string output = expand(in.outputPath, frame);
+            if (!fs::exists(output)) return false;
+            if (!in.quiet) std::cerr << "kel: frame " << frame.number.value_or(0) << " skipped: " << output << " exists\n";
+            return true;
+        });
+    if (frames.empty()) return kExitOk;
 
     // Refused before any work: rendering over an input, an output that can't be written, an
-    // input (any frame of it) that can't be read, an output setting its format lacks.
+    // input (any frame of it) that can't be read, an output setting its format lacks. With
+    // --each-frame, a frame whose input can't be read fails alone, when its turn comes.
     for (const Frame& frame : frames) {
         const std::string output = expand(in.outputPath, frame);
         for (const ImageParameter& image : images)
@@ -109,8 +120,13 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
     for (ImageParameter& image : images) {
         if (image.sequence) {
             for (const Frame& frame : frames) {
-                ImageFileInfo info = checkReadable(sourceAt(image, frame));
-                if (!firstInfo && &image == &images.front()) firstInfo = std::move(info);
+                std::optional<ImageFileInfo> info;
+                try {
+                    info = checkReadable(sourceAt(image, frame));
+                } catch (const FileError&) {
+                    if (!in.eachFrame) throw;
+                }
+                if (!firstInfo && info && &image == &images.front()) firstInfo = std::move(info);
             }
         } else {
             image.still = readImage(image.source, PxValidityInterval::getFull());
@@ -167,8 +183,11 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
     RenderProgress progress(frames.size(), sequence, in.quiet);
     std::vector<std::string> reports;
     // Every frame goes to a temporary file; all are renamed into place after the last one, and
-    // a failure or cancellation anywhere removes them all (no partial output).
+    // a failure or cancellation anywhere removes them all (no partial output). With --each-frame
+    // each is renamed into place as soon as it is written, and a frame that fails is reported
+    // and the next one rendered.
     OutputFiles outputs;
+    std::size_t written = 0, failed = 0;
     // While a frame renders, the next one is read and the last one written, each on a thread of
     // its own: two frame buffers take turns. Declared after `outputs`, so that leaving early
     // waits for them before the temporaries are removed.
@@ -186,32 +205,42 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         progress.clear();
         std::cerr << "kel: render cancelled"
                   << (watchdog.expired() ? " after the time limit of " + (std::ostringstream() << *in.timeout).str() + " s"
-                                         : cancellingSignal() ? std::string(" by ") + cancellingSignal() : "")
-                  << "; nothing written to " << in.outputPath << "\n";
+                                         : cancellingSignal() ? std::string(" by ") + cancellingSignal() : "");
+        if (in.eachFrame)
+            std::cerr << "; " << written << " of " << frames.size() << " frames written before it\n";
+        else
+            std::cerr << "; nothing written to " << in.outputPath << "\n";
         return kExitCancelled;
     };
-    // A frame's failure, wherever it happened (reading ahead, rendering, writing behind), ends
-    // the render naming the frame.
+    // A frame's failure, wherever it happened (reading ahead, rendering, writing behind), names
+    // the frame. It ends the render, unless --each-frame reports it and goes on to the next.
     const auto frameFailure = [&](std::size_t index, const std::string& output, std::exception_ptr failure) {
+        std::string message;
         try {
             std::rethrow_exception(failure);
         } catch (const ExCancelled&) {
             throw;
         } catch (const FileError& e) {
             if (!sequence) throw;
-            throw FileError(failedFrame(frames[index], output) + e.what());
+            message = failedFrame(frames[index], output) + e.what();
+            if (!in.eachFrame) throw FileError(message);
         } catch (const ExBase& e) {
             if (!sequence) throw;
-            throw ExBase("kel", 0, failedFrame(frames[index], output) + readableReason(e));
+            message = failedFrame(frames[index], output) + readableReason(e);
+            if (!in.eachFrame) throw ExBase("kel", 0, message);
         }
+        progress.clear();
+        std::cerr << "kel: " << message << "\n";
+        ++failed;
     };
     const auto finishWriting = [&] {
         if (!writing.done.valid()) return;
         try {
             writing.done.get();
         } catch (...) {
-            frameFailure(writing.index, writing.output, std::current_exception());
+            return frameFailure(writing.index, writing.output, std::current_exception());
         }
+        ++written;
         progress.frameDone(writing.index, frames[writing.index].number.value_or(0), writing.output);
     };
 
@@ -243,6 +272,9 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
             return cancelled();
         } catch (...) {
             frameFailure(f, output, std::current_exception());
+            finishWriting();  // the next frame renders into the buffer being written
+            if (reading.valid()) current = reading.get();
+            continue;
         }
         if (requests.isCancelled()) return cancelled();
         if (in.json) reports.push_back(jsonRender(controller.getErrors(), out.image, in.dump));
@@ -253,7 +285,10 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         const OutputSettings settings = resolveOutput(output, writeOptions, first);
         writing.index = f;
         writing.output = output;
-        writing.done = std::async(std::launch::async, [&outputs, output, target, settings] { outputs.write(output, target, settings); });
+        writing.done = std::async(std::launch::async, [&outputs, output, target, settings, commit = in.eachFrame] {
+            outputs.write(output, target, settings);
+            if (commit) outputs.commit();
+        });
         if (reading.valid()) current = reading.get();
     }
     finishWriting();
@@ -269,7 +304,7 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
             std::cout << reports.front() << "\n";
         }
     }
-    return kExitOk;
+    return failed > 0 ? kExitFramesFailed : kExitOk;
 }
 
 }  // namespace Zt::KelApp

@@ -3,6 +3,7 @@
 // the command line only: what each option means and how it reaches the Invocation that
 // kelCommands.cpp and kelRender.cpp carry out (imageio/ reads and writes the image files).
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
 #include <map>
 
@@ -73,6 +74,7 @@ const char* const kUsage =
     "  check    compile only, and report\n"
     "  print    print the compiled script's syntax tree\n"
     "  params   list the parameters that a script declares, as JSON\n"
+    "  submit   render a sequence on a Slurm cluster, and report its frames\n"
     "  tools    list the registered tools\n"
     "  version  print the versions\n"
     "  help     print the help of kel or of a command\n"
@@ -128,6 +130,13 @@ int main(int argc, char** argv) {
     render->add_option("--timeout", timeout, "cancel the render after that long (exit status 3, nothing written)")
         ->type_name("SECONDS")->group(options);
     render->add_flag("--quiet", in.quiet, "no progress and no warnings; errors are still printed")->group(options);
+    render->add_flag("--each-frame", in.eachFrame,
+                     "write each frame of --frames as soon as it is rendered (whole, or not at all), and go on past "
+                     "a frame that fails: one line names it and why, and the exit status is 4; for farm tasks")
+        ->group(options);
+    render->add_flag("--skip-existing", in.skipExisting,
+                     "skip the frames whose output file exists, so that a task run again renders only what is missing")
+        ->group(options);
     render->add_flag("--json", in.json,
                      "print a JSON report on standard output instead of human text: ok, errors, width, height, "
                      "validity (frames: a list of such reports); usage and file errors and cancellations still "
@@ -157,10 +166,12 @@ int main(int argc, char** argv) {
 
     render->footer(std::string(kParametersFooter) +
                    "\n\nNothing is written to the output unless the render succeeds; a failed or cancelled render\n"
-                   "leaves an earlier file untouched, and rendering over an input is refused. On a terminal a\n"
+                   "leaves an earlier file untouched (with --each-frame: the frames finished before it are\n"
+                   "kept), and rendering over an input is refused. On a terminal a\n"
                    "long render shows a progress bar; otherwise a --frames render prints one line per frame\n"
                    "(its number, time and output), and a single frame nothing unless it fails.\n\n"
-                   "Exit status: 0 written, 1 script refused, 2 usage or file error, 3 cancelled.\n\n"
+                   "Exit status: 0 written, 1 script refused, 2 usage or file error, 3 cancelled, 4 some frames\n"
+                   "failed (--each-frame; the others are written).\n\n"
                    "Example: kel render grade.kel -i src=plate.exr -f gain=1.5 -o graded.exr");
 
     CLI::App* check = app.add_subcommand("check", "kel check (SCRIPT | -e TEXT) [PARAMETERS] [--json]\n"
@@ -182,6 +193,39 @@ int main(int argc, char** argv) {
                   "\n\nThe tree is written only when all of it prints: a 'for' without its first or third\n"
                   "clause has no printed form (exit status 1, nothing on standard output).\n\n"
                   "Exit status 0 printed, 1 refused or not printable, 2 for a usage error or an unreadable script.");
+
+    // kel submit: the render's command line on a farm, a chunk of frames per task.
+    std::string chunk;
+    CLI::App* submit = app.add_subcommand("submit", "kel submit (slurm | status) ...\n"
+                                                    "Render a sequence on a Slurm cluster, and follow it.");
+    submit->require_subcommand(1);
+    CLI::App* submitSlurm = submit->add_subcommand(
+        "slurm", "kel submit slurm (SCRIPT | -e TEXT) [PARAMETERS] -o OUT.####.exr --frames LIST --chunk N "
+                 "[--partition P] [RENDER OPTIONS]\n"
+                 "Submit the sequence as one Slurm job array, a task per chunk of N frames, and print the job id.");
+    submitSlurm->allow_extras();
+    submitSlurm->add_option("--frames", frames, "the frames of the sequence, as kel render takes them; a chunk is N "
+                                                "consecutive frames of this list")
+        ->type_name("LIST")->required();
+    submitSlurm->add_option("--chunk", chunk, "frames per task")->type_name("N")->required();
+    submitSlurm->add_option("--partition", in.farm.partition, "the Slurm partition; default: the cluster's")
+        ->type_name("P");
+    submitSlurm->footer(
+        "Every other argument is kel render's, and is checked as kel render checks it: each task runs\n"
+        "kel render with them, --frames of its chunk, --each-frame and --skip-existing, in this\n"
+        "directory, so paths must be reachable from the cluster's nodes. --threads N asks Slurm for N\n"
+        "CPUs a task; without it a task uses the CPUs Slurm gives it. Chunks whose frames all exist\n"
+        "are not submitted, so the same command again submits only what is missing. Other sbatch\n"
+        "settings come from its environment variables (SBATCH_ACCOUNT, SBATCH_TIMELIMIT, SBATCH_OUTPUT...).\n\n"
+        "Exit status: 0 submitted (or nothing missing), 1 script refused, 2 usage or file error, or\n"
+        "sbatch refused the job.");
+    CLI::App* submitStatus = submit->add_subcommand(
+        "status", "kel submit status JOB\n"
+                  "Report the frames of a job of kel submit slurm: done (written), failed (missing, and its task\n"
+                  "has ended), pending (its task is queued or running); then a line for each chunk with frames\n"
+                  "failed or pending: the frames and the state of its task.");
+    submitStatus->add_option("JOB", in.farm.job, "the job id that kel submit slurm printed")->required();
+    submitStatus->footer("Exit status: 0 no frame failed, 4 some frames failed, 2 a job that Slurm does not know.");
 
     // kel live (apps/kel/live/): the script in the browser, beside the picture it renders.
     LiveOptions liveOptions;
@@ -217,7 +261,8 @@ int main(int argc, char** argv) {
                "  0  success (check: also when the errors listed are only warnings)\n"
                "  1  the script was refused: it does not compile\n"
                "  2  a usage error, or a file that can't be read or written\n"
-               "  3  the render was cancelled (--timeout, or an interrupt)\n\n"
+               "  3  the render was cancelled (--timeout, or an interrupt)\n"
+               "  4  render --each-frame: some frames failed, the others were written\n\n"
                "Plug-ins are loaded from the directories of KEL_PLUGIN_PATH (colon-separated), by default\n"
                "from ../plugins beside the kel executable (its real path, symbolic links followed).\n"
                "The language: docs/language.md.");
@@ -256,6 +301,23 @@ int main(int argc, char** argv) {
             if (!topic) throw UsageError("no command '" + helpTopic + "'; run kel help for the commands");
             std::cout << app.get_formatter()->make_help(topic, topic == &app ? "kel" : "kel " + topic->get_name(), CLI::AppFormatMode::Normal);
             return kExitOk;
+        }
+        if (command == submit) {
+            in.command += " " + submit->get_subcommands().front()->get_name();
+            if (submitSlurm->parsed()) {
+                in.farm.chunk = parseInteger("--chunk", chunk, 1, 1000000000);
+                in.farm.renderArguments = submitSlurm->remaining();
+                // The farm's tasks run kel render with these arguments: checked here by its own
+                // parser, so that a mistake stops the submission rather than every task.
+                std::vector<std::string> renderLine{"render"};
+                renderLine.insert(renderLine.end(), in.farm.renderArguments.begin(), in.farm.renderArguments.end());
+                renderLine.insert(renderLine.end(), {"--frames", frames});
+                std::reverse(renderLine.begin(), renderLine.end());
+                const std::string farmCommand = in.command;
+                app.parse(renderLine);
+                command = render;
+                in.command = farmCommand;
+            }
         }
         if (command == render || command == check || command == print) {
             collectParameters(*command, in);
@@ -298,6 +360,9 @@ int main(int argc, char** argv) {
         }
         return runCommand(in);
     } catch (const UsageError& e) {
+        std::cerr << "kel: " << e.what() << "\n";
+        return kExitUsage;
+    } catch (const CLI::ParseError& e) {  // the render arguments of kel submit slurm
         std::cerr << "kel: " << e.what() << "\n";
         return kExitUsage;
     }
