@@ -14,15 +14,29 @@ struct PebInterpreterTypes {
     enum Type { Float = 1, Image = 3, Color = 4 };
 };
 
+// Where in the script a person should look: the line and column (both from 1) of the token a
+// message is about; 0 when unknown.
+struct PebSourcePosition {
+    int line = 0;
+    int column = 0;
+};
+
 class PebError {
 public:
-    PebError(std::string message, int line) : _message(std::move(message)), _line(line) {}
+    PebError(std::string message, int line, PebSourcePosition position = {})
+        : _message(std::move(message)), _line(line), _position(position) {}
     const std::string& getMessage() const { return _message; }
     int getLine() const { return _line; }
-    bool operator==(const PebError&) const = default;
+    // The token the message is about. For a syntax error it is where the parser stopped, which
+    // may stand on an earlier line than getLine() when blank lines or comments came between.
+    const PebSourcePosition& getPosition() const { return _position; }
+    // Two errors are the same when they say the same at the same line; the position only helps
+    // a person find it.
+    bool operator==(const PebError& other) const { return _message == other._message && _line == other._line; }
 private:
     std::string _message;
     int _line;
+    PebSourcePosition _position;
 };
 
 class PebParameterInfo {

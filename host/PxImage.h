@@ -53,6 +53,9 @@ struct PxImageContext : PxTimeScaleContext {
     int tileY = 0;
     int tileWidth = 256;
     int tileHeight = 256;
+    // Chooses the sequence of rand(): a render's random values depend on it, the pixel, the time
+    // and the call, never on tiles or threads.
+    unsigned seed = 0;
     const PxTimeScaleContext& timeScale() const { return *this; }
 };
 
