@@ -1,6 +1,5 @@
 // Part 5.4: noise3D against an independent, straightforward transcription of the spec (std::floor,
-// nested permutation lookups), and rand's use of the C runtime's sequence. The tests seed the
-// generator themselves to make the sequence known; the library never seeds it.
+// nested permutation lookups), and the range of rand's numbers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -201,38 +200,7 @@ TEST(KelFunctionsRand, StaysWithinZeroAndOne) {
     EXPECT_GT(hi, 0.99f);
 }
 
-// One number per active column, left to right; an inactive column takes none from the sequence
-// and is left unwritten.
-TEST(KelFunctionsRand, ActiveColumnsTakeConsecutiveNumbers) {
-    CallHarness h(20, 28);
-    auto node = h.call<FunctionRand>("rand", {});
-    h.narrowTo({1, 0, 1, 1, 0, 0, 1, 0});
-    h.prefillFloat(-1.0f);
-    std::srand(4242);
-    std::vector<float> got = CallHarness::row(node->eval(h.context));
-    const int nextAfter = std::rand();
-    std::srand(4242);
-    std::vector<float> numbers;
-    for (int i = 0; i < 4; ++i) numbers.push_back(FunctionRand::toUnit(std::rand() % 32768));
-    EXPECT_EQ(got, (std::vector<float>{numbers[0], -1, numbers[1], numbers[2], -1, -1, numbers[3], -1}));
-    EXPECT_EQ(nextAfter, std::rand());
-}
-
-// rand() gives 1.0 exactly when the generator gives 32767.
-TEST(KelFunctionsRand, GivesOneExactlyForTheLargestNumber) {
-    const unsigned seed = 777;
-    std::srand(seed);
-    int before = 0;
-    while ((std::rand() % 32768) != 32767) ++before;
-    std::srand(seed);
-    for (int i = 0; i < before; ++i) std::rand();
-    CallHarness h(0, 2);
-    std::vector<float> got = CallHarness::row(h.call<FunctionRand>("rand", {})->eval(h.context));
-    EXPECT_EQ(got[0], 1.0f);
-    EXPECT_LE(got[1], 1.0f);
-}
-
-// Not a function of the position: the same row twice gives different numbers.
+// The same call run again in the same row, as on a loop's next pass, draws new numbers.
 TEST(KelFunctionsRand, EachEvaluationDrawsNewNumbers) {
     CallHarness h(0, 16);
     auto node = h.call<FunctionRand>("rand", {});
