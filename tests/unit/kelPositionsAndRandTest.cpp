@@ -3,18 +3,15 @@
 // before it; the seed and the time; and for each column only its own history under masks.
 #include <gtest/gtest.h>
 
+#include "kelEvalTestSupport.h"
 #include "kelFunctionTestSupport.h"
-#include "kelInterpreter.h"
 
 using namespace Zt;
 using namespace Zt::test;
 
 namespace {
 
-Vector<PebParameterInfo> nodeParameters() {
-    return {PebParameterInfo("src", PebInterpreterTypes::Image, false, false),
-            PebParameterInfo("out", PebInterpreterTypes::Color, true, true)};
-}
+Vector<PebParameterInfo> nodeParameters() { return {imageInput("src"), colorOutput("out")}; }
 
 struct PositionCase {
     const char* script;
@@ -77,27 +74,21 @@ const char* const kNoise =
 
 class Renderer {
 public:
-    Renderer() : _run(_interpreter.createRunInfo({PebParameterInfo("out", PebInterpreterTypes::Color, true, true)})) {
+    Renderer() : _run(_interpreter.createRunInfo({colorOutput("out")})) {
         Vector<PebError> errors;
         EXPECT_TRUE(_interpreter.parse(kNoise, _run, &errors));
     }
     // Frame `time`, in tiles of the given size.
     std::vector<Color> frame(double time, unsigned seed, int tileWidth, int tileHeight) const {
-        const PxRODResult rod{PxValidityInterval::getFull(), GeRectangle<float>(0, kWidth, 0, kHeight)};
         std::vector<Color> pixels(kWidth * kHeight);
         for (int ty = 0; ty * tileHeight < kHeight; ++ty)
             for (int tx = 0; tx * tileWidth < kWidth; ++tx) {
-                PxImageContext context;
-                context.time = time;
+                PxImageContext context = tileContext(tx, ty, tileWidth, tileHeight, 0, time);
                 context.seed = seed;
-                context.tileWidth = tileWidth;
-                context.tileHeight = tileHeight;
-                context.tileX = tx;
-                context.tileY = ty;
-                const PxImageResult result = _interpreter.eval(_run, {}, {}, rod, IxPixelFormat{}, context);
+                const PxImageResult result = _interpreter.eval(_run, {}, {}, rodOf(kWidth, kHeight), IxPixelFormat{}, context);
                 const GeRectangle<int>& r = result.getTile()->getRect();
                 for (int y = r.yMin; y < r.yMax; ++y)
-                    for (int x = r.xMin; x < r.xMax; ++x) pixels[std::size_t(y * kWidth + x)] = result.getTile()->row(y)[x - r.xMin];
+                    for (int x = r.xMin; x < r.xMax; ++x) pixels[std::size_t(y * kWidth + x)] = pixelOf(result, x, y);
             }
         return pixels;
     }

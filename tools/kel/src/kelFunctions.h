@@ -22,6 +22,13 @@ namespace Zt {
 void kelDeclareOverload(FunctionCallNode& node, int overload, int returnType, std::initializer_list<int> parameterTypes,
                         int writtenParameter = -1);
 
+// The columns that a function computing like the operators computes: the mask's active span, or
+// the whole row when every column is active. Outside the span no value can reach a variable.
+inline GeInterval<int> kelComputedColumns(KelContext& context) {
+    const GeInterval<int>* span = context.getMask().activeSpan();
+    return span ? *span : context.getInterval();
+}
+
 // ---- Math ---------------------------------------------------------------------------------------
 
 // The math family: `Op::arity` float arguments, evaluated first to last, a result from

@@ -147,17 +147,15 @@ void KelColorMeasure<Q>::declare(FunctionCallNode& node) {
     kelDeclareOverload(node, 0, KelValueTypes::Float, {KelValueTypes::Color});
 }
 
-// Over the active span, like the operators: outside it no value can reach a variable.
+// Over the active span, like the operators.
 template <class Q>
 RCShdPtr<KelValue> KelColorMeasure<Q>::eval(const FunctionCallNode& node, KelContext& context) {
     KelColorPtr colour = evalColor(node, 0, context);
     KelFloatPtr result = context.newFloat(0);
-    IxScanline<float>& out = result->getScanline();
-    const GeInterval<int>* span = context.getMask().activeSpan();
-    const int lo = span ? span->min : out.minimum(), hi = span ? span->max : out.maximum();
-    float* d = out.data();
+    const GeInterval<int> columns = kelComputedColumns(context);
+    float* d = result->getScanline().data();
     const Color* p = colour->getScanline().data();
-    for (int x = lo; x < hi; ++x) d[x] = Q::apply(p[x]);
+    for (int x = columns.min; x < columns.max; ++x) d[x] = Q::apply(p[x]);
     return result;
 }
 

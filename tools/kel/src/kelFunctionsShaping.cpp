@@ -97,7 +97,8 @@ Lane laneOf(const KelValuePtr& value) {
     return {rcStaticCast<KelFloat>(value)->getScanline().data(), 1, 0};
 }
 
-// Every argument a float row: contiguous rows, one formula per column.
+// Every argument a float row (each overload with a float result takes floats only): contiguous
+// rows, one formula per column.
 template <class Op, std::size_t N, std::size_t... I>
 void floatRows(float* d, const std::array<Lane, N>& a, int lo, int hi, std::index_sequence<I...>) {
     for (int x = lo; x < hi; ++x) d[x] = Op::apply(a[I].p[x]...);
@@ -131,18 +132,15 @@ RCShdPtr<KelValue> KelShapingFunction<Op>::eval(const FunctionCallNode& node, Ke
         args[i] = node.argument(i)->eval(context);
         lanes[i] = laneOf(args[i]);
     }
-    const GeInterval<int>* span = context.getMask().activeSpan();
+    const GeInterval<int> columns = kelComputedColumns(context);
     if (node.returnTypes()[std::size_t(node.overload())] == KelValueTypes::Color) {
         KelColorPtr result = context.newColor(0);
-        IxScanline<Color>& out = result->getScanline();
-        colorRows<Op>(reinterpret_cast<float*>(out.data()), lanes, span ? span->min : out.minimum(),
-                      span ? span->max : out.maximum(), std::make_index_sequence<N>());
+        colorRows<Op>(reinterpret_cast<float*>(result->getScanline().data()), lanes, columns.min, columns.max,
+                      std::make_index_sequence<N>());
         return result;
     }
     KelFloatPtr result = context.newFloat(0);
-    IxScanline<float>& out = result->getScanline();
-    floatRows<Op>(out.data(), lanes, span ? span->min : out.minimum(), span ? span->max : out.maximum(),
-                  std::make_index_sequence<N>());
+    floatRows<Op>(result->getScanline().data(), lanes, columns.min, columns.max, std::make_index_sequence<N>());
     return result;
 }
 
