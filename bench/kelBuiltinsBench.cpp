@@ -76,8 +76,14 @@ KEL_SCRIPT(math_masked_sin, "float s = 0; if (x > y * 100) s = sin(x); out = col
 KEL_SCRIPT(color_channels, "out = color(b(src), g(src), r(src), a(src));");
 KEL_SCRIPT(color_dot, "float d = dot(src, src); out = color(d, d, d, 1);");
 KEL_SCRIPT(noise_noise3D, "float n = noise3D(x * 0.01, y * 0.01, 0.5); out = color(n, n, n, 1);");
+KEL_SCRIPT(noise_rand, "float n = rand(); out = color(n, n, n, 1);");
+KEL_SCRIPT(shaping_floats, "float s = smoothstep(0, 2048, x); out = color(clamp(s, 0.2, 0.8), fract(s * 8), 0, 1);");
+KEL_SCRIPT(shaping_colour_mix, "out = mix(src, saturate(src * 2), 0.25);");
+KEL_SCRIPT(color_luminance, "float l = luminance(src); out = color(l, l, l, 1);");
 KEL_SCRIPT(image_width, "out = color(width(src), 0, 0, 1);");
 KEL_SCRIPT(sample_at, "out = sample(src, x + 0.5, y);");
+KEL_SCRIPT(sample_clamp_at, "out = sampleClamp(src, x + 0.5, y);");
+KEL_SCRIPT(sample_mirror_outside, "out = sampleMirror(src, x - 2048.5, y);");
 KEL_SCRIPT(control_if_else, "if (r(src) > 0.5) out = src; else out = src * 0.25;");
 KEL_SCRIPT(control_while_8, "float i = 0; while (i < 8) { i = i + 1; } out = color(i, 0, 0, 1);");
 

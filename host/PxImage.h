@@ -173,10 +173,13 @@ public:
 };
 
 struct SdTextureParams {
+    // What a read outside the image gives, along one axis: the fill colour, the nearest edge
+    // pixel, the image repeated, or the image repeated mirrored (its edge pixels once each).
+    enum WrapMode : int { kWrapFill = 0, kWrapClamp = 1, kWrapRepeat = 2, kWrapMirror = 3 };
     GeAffineMatrix2<float> textureMatrix;  // nominal position -> unit square
     int filterMode = 0;  // 1: bilinear; any other: nearest
-    int wrapModeS = 0;   // 0: outside reads the fill colour; 1: clamps to the edge
-    int wrapModeT = 0;
+    int wrapModeS = kWrapFill;
+    int wrapModeT = kWrapFill;
 };
 
 // Reads an image at any nominal position: bilinear over pixel centres; outside the image's

@@ -11,9 +11,13 @@
 // reads the current pixel at every scale and aspect, not only at scale 1 and aspect 1.
 //
 // Filtering (filterMode 1): bilinear between the four pixels around (tx, ty). A pixel outside
-// the image's pixel rectangle reads the fill colour, transparent black (wrap mode 0), so edges
-// blend to transparent black; wrap mode 1 clamps to the edge pixel instead. Any other filter
-// mode reads the nearest pixel. The derivatives are ignored: no prefiltering.
+// the image's pixel rectangle reads the fill colour, transparent black (kWrapFill), so edges
+// blend to transparent black; kWrapClamp reads the nearest edge pixel instead, kWrapRepeat the
+// image repeated (pixel -1 is the last pixel), kWrapMirror the image repeated mirrored (pixel
+// -1 is pixel 0, so that the edge pixel repeats once at each fold). Under repeat and mirror a
+// coordinate is first brought into one period, exactly (fmod), so that a far position reads as
+// well as a near one. Any other filter mode reads the nearest pixel. The derivatives are
+// ignored: no prefiltering.
 //
 // Pixels come from the node's getImage, in tiles of kTileWidth x kTileHeight at the context's scale, fetched
 // the first time a sample touches them and kept for the sampler's life (one tile evaluation).
@@ -102,8 +106,8 @@ private:
         if (!reachesImage(tx, _pixels.xMin, _pixels.xMax, _params.wrapModeS) ||
             !reachesImage(ty, _pixels.yMin, _pixels.yMax, _params.wrapModeT))
             return Color::ZERO;
-        const double cx = snapTexel(clampTexel(tx, _pixels.xMin, _pixels.xMax));
-        const double cy = snapTexel(clampTexel(ty, _pixels.yMin, _pixels.yMax));
+        const double cx = snapTexel(onAxis(tx, _pixels.xMin, _pixels.xMax, _params.wrapModeS));
+        const double cy = snapTexel(onAxis(ty, _pixels.yMin, _pixels.yMax, _params.wrapModeT));
         if (_params.filterMode != 1) return texel(floorToInt(cx + 0.5), floorToInt(cy + 0.5));
         const int x0 = floorToInt(cx), y0 = floorToInt(cy);
         const float fx = float(cx - double(x0)), fy = float(cy - double(y0));
@@ -146,11 +150,41 @@ private:
         return i - (t < double(i) ? 1 : 0);
     }
 
-    // False when no tap of a bilinear read at t lies in [lo, hi) (with wrap mode 0), NaN included.
+    // False when no tap of a bilinear read at t lies in [lo, hi) (under kWrapFill), NaN included;
+    // repeat and mirror have no place for an infinite t.
     static bool reachesImage(double t, int lo, int hi, int wrapMode) {
         if (hi <= lo) return false;
-        if (wrapMode == 1) return !std::isnan(t);
-        return t > double(lo) - 1.0 && t < double(hi);
+        switch (wrapMode) {
+            case SdTextureParams::kWrapClamp: return !std::isnan(t);
+            case SdTextureParams::kWrapRepeat:
+            case SdTextureParams::kWrapMirror: return std::isfinite(t);
+            default: return t > double(lo) - 1.0 && t < double(hi);
+        }
+    }
+    // The image's period along an axis of n pixels: n repeated, 2n mirrored, none otherwise.
+    static int period(int lo, int hi, int wrapMode) {
+        if (wrapMode == SdTextureParams::kWrapRepeat) return hi - lo;
+        if (wrapMode == SdTextureParams::kWrapMirror) return 2 * (hi - lo);
+        return 0;
+    }
+    // t brought into [lo, lo + period) when the axis repeats; otherwise clamped so that the
+    // conversion to int stays defined (clampTexel).
+    static double onAxis(double t, int lo, int hi, int wrapMode) {
+        const int n = period(lo, hi, wrapMode);
+        if (n == 0) return clampTexel(t, lo, hi);
+        double r = std::fmod(t - double(lo), double(n));
+        if (r < 0.0) r += double(n);
+        // A remainder just below 0, plus n, can round to n itself: that place is the period's start.
+        return double(lo) + (r < double(n) ? r : 0.0);
+    }
+    // The pixel that index i reads along an axis, or i itself when it is outside and the axis
+    // neither clamps nor repeats.
+    static int pixelIndex(int i, int lo, int hi, int wrapMode) {
+        if (wrapMode == SdTextureParams::kWrapClamp) return std::min(std::max(i, lo), hi - 1);
+        const int n = period(lo, hi, wrapMode);
+        if (n == 0) return i;
+        const int k = ((i - lo) % n + n) % n;
+        return lo + (k < hi - lo ? k : n - 1 - k);
     }
     // A pixel's own nominal x is px / scale * aspect in float (the interpreter's `x` row), so with an
     // aspect such as 4/3 it comes back a float rounding or two away from px; within two float
@@ -166,8 +200,8 @@ private:
     static double clampTexel(double t, int lo, int hi) { return std::min(std::max(t, double(lo) - 2.0), double(hi) + 1.0); }
 
     Color texel(int x, int y) const {
-        if (_params.wrapModeS == 1) x = std::min(std::max(x, _pixels.xMin), _pixels.xMax - 1);
-        if (_params.wrapModeT == 1) y = std::min(std::max(y, _pixels.yMin), _pixels.yMax - 1);
+        x = pixelIndex(x, _pixels.xMin, _pixels.xMax, _params.wrapModeS);
+        y = pixelIndex(y, _pixels.yMin, _pixels.yMax, _params.wrapModeT);
         if (x < _pixels.xMin || x >= _pixels.xMax || y < _pixels.yMin || y >= _pixels.yMax) return Color::ZERO;
         const IxTile& tile = tileAt(floorDiv(x, kTileWidth), floorDiv(y, kTileHeight));
         const GeRectangle<int>& r = tile.getRect();

@@ -57,7 +57,6 @@ struct Case {
     std::vector<std::string> printed;
     long long cancelAfter = -1;
     bool render = false;       // render even without pixel expectations (the guide's examples)
-    bool varies = false;       // rand(): tile widths may differ, so only the expectations count
     std::string malformed;     // an expectation line that can't be read
 };
 
@@ -346,7 +345,6 @@ std::vector<Case> guideExamples() {
         c.where = std::string(KEL_LANGUAGE_GUIDE) + ":" + std::to_string(number + 1);
         while (std::getline(file, line) && (++number, line != "```")) c.script += line + "\n";
         c.render = true;
-        c.varies = c.script.find("rand(") != std::string::npos;
         std::istringstream words(c.script.substr(0, c.script.find('\n')));
         std::string word, output = "out";
         words >> word;

@@ -5,7 +5,9 @@
  * KelParserProtocol, or a report of a syntax error: a false result ends the parse (YYABORT).
  *
  * Values are std::string, a token's text; a rule without an action hands up the text of its
- * first symbol. Locations are bison's four-field record; only first_line is used.
+ * first symbol. Locations are bison's four-field record: first_line is the line the scanner
+ * stood on, first_column the token's column; `at(@N)` makes the position of symbol N's first
+ * token, which a node keeps for its messages.
  * The stacks are fixed at 1000 entries (YYINITDEPTH == YYMAXDEPTH), so a full stack calls the
  * error function with "memory exhausted" (kelParserError turns it into "Error: Script too
  * long", line 0). bison takes an api.value.type for trivial and so compiles its memcpy relocation of
@@ -29,7 +31,6 @@ namespace Zt { class KelParserProtocol; }
 %code {
 #include "kelParser.h"
 
-using Zt::kelSyntaxMessage;
 using P = Zt::KelParserProtocol;
 
 // Three parser stacks of 1000 entries that never grow: a script nested deeper is "too long".
@@ -37,10 +38,13 @@ using P = Zt::KelParserProtocol;
 #define YYMAXDEPTH 1000
 static_assert(YYINITDEPTH == YYMAXDEPTH, "the stacks must never be relocated: std::string values");
 
-// The scanner (kel.l) writes the text into the parser's value and the line into first_line.
+// The scanner (kel.l) writes the text into the parser's value, the line into first_line and the
+// token's column into first_column.
 static int kellex(KELSTYPE* value, KELLTYPE* location, Zt::KelParserProtocol&) {
-    return Zt::kelScanToken(*value, location->first_line);
+    return Zt::kelScanToken(*value, location->first_line, location->first_column);
 }
+
+static Zt::PebSourcePosition at(const KELLTYPE& location) { return {location.first_line, location.first_column}; }
 
 static void kelerror(KELLTYPE*, Zt::KelParserProtocol& protocol, const char* text) {
     Zt::kelParserError(protocol, text);
@@ -49,7 +53,7 @@ static void kelerror(KELLTYPE*, Zt::KelParserProtocol& protocol, const char* tex
 // An action that is a builder: a false result ends the parse with failure.
 #define BUILD(call) do { if (!(call)) YYABORT; } while (0)
 // The report action: the rule's words with the line of the look-ahead, where the scanner stands.
-#define REPORT(text) BUILD(protocol.addError(kelSyntaxMessage(text, yylloc.first_line), yylloc.first_line))
+#define REPORT(text) BUILD(protocol.syntaxError(text, yylloc.first_line))
 }
 
 %lex-param {Zt::KelParserProtocol& protocol}
@@ -70,7 +74,7 @@ program
     ;
 
 function_definition
-    : VOID IDENTIFIER '(' parameter_list_opt ')' block          /* 4 */ { BUILD(protocol.functionDeclaration($2, @2.first_line)); }
+    : VOID IDENTIFIER '(' parameter_list_opt ')' block          /* 4 */ { BUILD(protocol.functionDeclaration($2, @2.first_line, at(@2))); }
     | VOID error                                                /* 5 */ { REPORT("Invalid function declaration"); }
     ;
 
@@ -121,33 +125,33 @@ if_statement
     ;
 
 if_head
-    : IF '(' expression_list ')' body                           /* 28 */ { BUILD(protocol.ifStatement(@1.first_line)); }
+    : IF '(' expression_list ')' body                           /* 28 */ { BUILD(protocol.ifStatement(@1.first_line, at(@1))); }
     | IF '(' expression_list error                              /* 29 */ { REPORT("Expected ')' after 'if' condition"); }
     | IF '(' error                                              /* 30 */ { REPORT("Expected condition in 'if'"); }
     | IF error                                                  /* 31 */ { REPORT("Expected '(' after 'if'"); }
     ;
 
 while_statement
-    : WHILE '(' expression_list ')' body                        /* 32 */ { BUILD(protocol.whileLoop(@1.first_line)); }
+    : WHILE '(' expression_list ')' body                        /* 32 */ { BUILD(protocol.whileLoop(@1.first_line, at(@1))); }
     | WHILE '(' expression_list error                           /* 33 */ { REPORT("Expected ')' after 'while' condition"); }
     | WHILE '(' error                                           /* 34 */ { REPORT("Expected condition in 'while'"); }
     | WHILE error                                               /* 35 */ { REPORT("Expected '(' after 'while'"); }
     ;
 
 for_statement
-    : FOR '(' expression ';' expression ';' expression ')' body /* 36 */ { BUILD(protocol.forLoop(P::ForInit | P::ForCondition | P::ForIncrement, @1.first_line)); }
-    | FOR '(' ';' expression ';' expression ')' body            /* 37 */ { BUILD(protocol.forLoop(P::ForCondition | P::ForIncrement, @1.first_line)); }
-    | FOR '(' expression ';' expression ';' ')' body            /* 38 */ { BUILD(protocol.forLoop(P::ForInit | P::ForCondition, @1.first_line)); }
-    | FOR '(' ';' expression ';' ')' body                       /* 39 */ { BUILD(protocol.forLoop(P::ForCondition, @1.first_line)); }
+    : FOR '(' expression ';' expression ';' expression ')' body /* 36 */ { BUILD(protocol.forLoop(P::ForInit | P::ForCondition | P::ForIncrement, @1.first_line, at(@1))); }
+    | FOR '(' ';' expression ';' expression ')' body            /* 37 */ { BUILD(protocol.forLoop(P::ForCondition | P::ForIncrement, @1.first_line, at(@1))); }
+    | FOR '(' expression ';' expression ';' ')' body            /* 38 */ { BUILD(protocol.forLoop(P::ForInit | P::ForCondition, @1.first_line, at(@1))); }
+    | FOR '(' ';' expression ';' ')' body                       /* 39 */ { BUILD(protocol.forLoop(P::ForCondition, @1.first_line, at(@1))); }
     | FOR error                                                 /* 40 */ { REPORT("Invalid for structure"); }
     ;
 
 expression
     : expression_list                                           /* 41 */
-    | type IDENTIFIER                                           /* 42 */ { BUILD(protocol.variableDeclaration($1, $2, true, @1.first_line)); }
-    | type IDENTIFIER '=' assignment                            /* 43 */ { BUILD(protocol.variableInitialisation($1, $2, true, @1.first_line)); }
-    | CONST type IDENTIFIER                                     /* 44 */ { BUILD(protocol.variableDeclaration($2, $3, false, @1.first_line)); }
-    | CONST type IDENTIFIER '=' assignment                      /* 45 */ { BUILD(protocol.variableInitialisation($2, $3, false, @1.first_line)); }
+    | type IDENTIFIER                                           /* 42 */ { BUILD(protocol.variableDeclaration($1, $2, true, @1.first_line, at(@2))); }
+    | type IDENTIFIER '=' assignment                            /* 43 */ { BUILD(protocol.variableInitialisation($1, $2, true, @1.first_line, at(@2))); }
+    | CONST type IDENTIFIER                                     /* 44 */ { BUILD(protocol.variableDeclaration($2, $3, false, @1.first_line, at(@3))); }
+    | CONST type IDENTIFIER '=' assignment                      /* 45 */ { BUILD(protocol.variableInitialisation($2, $3, false, @1.first_line, at(@3))); }
     | type error                                                /* 46 */ { REPORT("Expected variable name after type"); }
     | CONST type error                                          /* 47 */ { REPORT("Expected variable name after type"); }
     | IDENTIFIER IDENTIFIER                                     /* 48 */ { REPORT("Invalid type"); }
@@ -155,11 +159,11 @@ expression
 
 expression_list
     : assignment                                                /* 49 */
-    | expression_list ',' assignment                            /* 50 */ { BUILD(protocol.binaryOp(",", @2.first_line)); }
+    | expression_list ',' assignment                            /* 50 */ { BUILD(protocol.binaryOp(",", @2.first_line, at(@2))); }
     ;
 
 assignment
-    : IDENTIFIER assign_op assignment                           /* 51 */ { BUILD(protocol.assign($1, $2, @1.first_line)); }
+    : IDENTIFIER assign_op assignment                           /* 51 */ { BUILD(protocol.assign($1, $2, @1.first_line, at(@1))); }
     | or_expr                                                   /* 52 */
     | IDENTIFIER assign_op error                                /* 53 */ { REPORT("Expected value after assign"); }
     ;
@@ -175,8 +179,8 @@ parameter_list
     ;
 
 parameter
-    : OUTPUT type IDENTIFIER                                    /* 58 */ { BUILD(protocol.parameter($3, $2, true, @3.first_line)); }
-    | INPUT type IDENTIFIER                                     /* 59 */ { BUILD(protocol.parameter($3, $2, false, @3.first_line)); }
+    : OUTPUT type IDENTIFIER                                    /* 58 */ { BUILD(protocol.parameter($3, $2, true, @3.first_line, at(@3))); }
+    | INPUT type IDENTIFIER                                     /* 59 */ { BUILD(protocol.parameter($3, $2, false, @3.first_line, at(@3))); }
     | OUTPUT IDENTIFIER                                         /* 60 */ { REPORT("Invalid parameter type"); }
     | INPUT IDENTIFIER                                          /* 61 */ { REPORT("Invalid parameter type"); }
     | IDENTIFIER                                                /* 62 */ { REPORT("Invalid parameter direction"); }
@@ -203,13 +207,13 @@ call
     ;
 
 call_head
-    : IDENTIFIER '('                                            /* 71 */ { BUILD(protocol.functionCall($1, @1.first_line)); }
-    | COLOR '('                                                 /* 72 */ { BUILD(protocol.functionCall("color", @1.first_line)); }
+    : IDENTIFIER '('                                            /* 71 */ { BUILD(protocol.functionCall($1, @1.first_line, at(@1))); }
+    | COLOR '('                                                 /* 72 */ { BUILD(protocol.functionCall("color", @1.first_line, at(@1))); }
     ;
 
 primary
-    : IDENTIFIER                                                /* 73 */ { BUILD(protocol.variable($1, @1.first_line)); }
-    | NUMBER                                                    /* 74 */ { BUILD(protocol.floatLiteral($1, @1.first_line)); }
+    : IDENTIFIER                                                /* 73 */ { BUILD(protocol.variable($1, @1.first_line, at(@1))); }
+    | NUMBER                                                    /* 74 */ { BUILD(protocol.floatLiteral($1, @1.first_line, at(@1))); }
     | call                                                      /* 75 */
     | '(' expression ')'                                        /* 76 */
     | '(' error                                                 /* 77 */ { REPORT("Expected expression after ("); }
@@ -218,12 +222,12 @@ primary
 
 postfix
     : primary                                                   /* 79 */
-    | postfix incdec                                            /* 80 */ { BUILD(protocol.unaryOp("P" + $2, @2.first_line)); }
+    | postfix incdec                                            /* 80 */ { BUILD(protocol.unaryOp("P" + $2, @2.first_line, at(@2))); }
     ;
 
 unary
     : postfix                                                   /* 81 */
-    | unary_op unary                                            /* 82 */ { BUILD(protocol.unaryOp($1, @1.first_line)); }
+    | unary_op unary                                            /* 82 */ { BUILD(protocol.unaryOp($1, @1.first_line, at(@1))); }
     | unary_op error                                            /* 83 */ { REPORT("Expected expression"); }
     ;
 
@@ -241,26 +245,26 @@ incdec
 
 mul_expr
     : unary                                                     /* 90 */
-    | mul_expr '*' unary                                        /* 91 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
-    | mul_expr '/' unary                                        /* 92 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
+    | mul_expr '*' unary                                        /* 91 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
+    | mul_expr '/' unary                                        /* 92 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
     | mul_expr '/' error                                        /* 93 */ { REPORT("Expected expression after /"); }
     | mul_expr '*' error                                        /* 94 */ { REPORT("Expected expression after *"); }
     ;
 
 add_expr
     : mul_expr                                                  /* 95 */
-    | add_expr '+' mul_expr                                     /* 96 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
-    | add_expr '-' mul_expr                                     /* 97 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
+    | add_expr '+' mul_expr                                     /* 96 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
+    | add_expr '-' mul_expr                                     /* 97 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
     | add_expr '+' error                                        /* 98 */ { REPORT("Expected expression after +"); }
     | add_expr '-' error                                        /* 99 */ { REPORT("Expected expression after -"); }
     ;
 
 rel_expr
     : add_expr                                                  /* 100 */
-    | rel_expr '<' add_expr                                     /* 101 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
-    | rel_expr '>' add_expr                                     /* 102 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
-    | rel_expr LE_OP add_expr                                   /* 103 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
-    | rel_expr GE_OP add_expr                                   /* 104 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
+    | rel_expr '<' add_expr                                     /* 101 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
+    | rel_expr '>' add_expr                                     /* 102 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
+    | rel_expr LE_OP add_expr                                   /* 103 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
+    | rel_expr GE_OP add_expr                                   /* 104 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
     | rel_expr LE_OP error                                      /* 105 */ { REPORT("Expected expression after <="); }
     | rel_expr GE_OP error                                      /* 106 */ { REPORT("Expected expression after >="); }
     | rel_expr '<' error                                        /* 107 */ { REPORT("Expected expression after '<'"); }
@@ -269,21 +273,21 @@ rel_expr
 
 eq_expr
     : rel_expr                                                  /* 109 */
-    | eq_expr EQ_OP rel_expr                                    /* 110 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
-    | eq_expr NE_OP rel_expr                                    /* 111 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
+    | eq_expr EQ_OP rel_expr                                    /* 110 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
+    | eq_expr NE_OP rel_expr                                    /* 111 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
     | eq_expr EQ_OP error                                       /* 112 */ { REPORT("Expected expression after =="); }
     | eq_expr NE_OP error                                       /* 113 */ { REPORT("Expected expression after !="); }
     ;
 
 and_expr
     : eq_expr                                                   /* 114 */
-    | and_expr AND_OP eq_expr                                   /* 115 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
+    | and_expr AND_OP eq_expr                                   /* 115 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
     | and_expr AND_OP error                                     /* 116 */ { REPORT("Expected expression after &&"); }
     ;
 
 or_expr
     : and_expr                                                  /* 117 */
-    | or_expr OR_OP and_expr                                    /* 118 */ { BUILD(protocol.binaryOp($2, @2.first_line)); }
+    | or_expr OR_OP and_expr                                    /* 118 */ { BUILD(protocol.binaryOp($2, @2.first_line, at(@2))); }
     | or_expr OR_OP error                                       /* 119 */ { REPORT("Expected expression after ||"); }
     ;
 

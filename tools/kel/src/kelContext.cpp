@@ -3,6 +3,7 @@
 // nothing.
 #include "kelContext.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdio>
 
@@ -159,7 +160,7 @@ void KelMask::narrow(const RCShdPtr<KelType<float>>& condition, int invert) {
 // ---- The context --------------------------------------------------------------------------------
 
 KelContext::KelContext(const GeInterval<int>& interval, int slotCount)
-    : _variables(std::size_t(slotCount > 0 ? slotCount : 0)), _interval(interval), _mask(interval) {
+    : _variables(std::size_t(slotCount > 0 ? slotCount : 0)), _interval(interval), _mask(interval), _random(interval) {
     pushScope();
     for (const char* name : {"x", "y", "t"}) {
         int id = declareVariable(name);
@@ -250,16 +251,26 @@ void KelContext::popScope() {
 
 void KelContext::setMask(const KelMask& saved) { _mask = saved; }
 
+uint32_t* KelRandomKeys::draws(int ordinal) {
+    if (std::size_t(ordinal) >= _draws.size()) _draws.resize(std::size_t(ordinal) + 1);
+    Draws& d = _draws[std::size_t(ordinal)];
+    if (d.rowRun != _rowRun) {
+        d.counts.assign(std::size_t(std::max(_columns.max - _columns.min, 0)), 0u);
+        d.rowRun = _rowRun;
+    }
+    return d.counts.data() - _columns.min;
+}
+
 KelMask& KelContext::pushSavedMask() {
     if (_savedDepth == _savedMasks.size()) _savedMasks.push_back(std::make_unique<KelMask>(_mask));
     else *_savedMasks[_savedDepth] = _mask;
     return *_savedMasks[_savedDepth++];
 }
 
-void KelContext::raiseError(const std::string& message, int line) {
+void KelContext::raiseError(const std::string& message, int line, const PebSourcePosition& position) {
     char number[16];
     std::snprintf(number, sizeof number, "%d", line);
-    throw KelParseEx(kContextFile, 847, message + " at line " + number, line);
+    throw KelParseEx(kContextFile, 847, message + " at line " + number, line, position);
 }
 
 }  // namespace Zt

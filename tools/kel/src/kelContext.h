@@ -101,13 +101,62 @@ using KelFloatPtr = RCShdPtr<KelType<float>>;
 using KelColorPtr = RCShdPtr<KelType<Color>>;
 using KelImagePtr = RCShdPtr<KelImage>;
 
+// How a sampler reads outside its image: transparent black (`sample`), the nearest edge pixel
+// (`sampleClamp`), the image repeated (`sampleWrap`) or mirrored at each edge (`sampleMirror`).
+enum class KelEdgeMode : int { Transparent, Clamp, Wrap, Mirror, Count };
+
 // One row of the image table. Id 0 no image, 1 the output, i + 2 the i-th input.
 struct KelImageEntry {
     GeRectangle<int> pixelRect;
     GeRectangle<float> nominalRect;
-    RCStrongPtr<const SdTextureSampler> sampler;
+    RCStrongPtr<const SdTextureSampler> sampler;  // transparent edges
+    // The samplers of the other edge modes, Clamp first; each only where the script reads so.
+    RCStrongPtr<const SdTextureSampler> edgeSamplers[int(KelEdgeMode::Count) - 1];
     RCStrongPtr<IxScanline<Color>> scanline;
     float pixelAspectRatio = 0.0f;
+
+    RCStrongPtr<const SdTextureSampler>& samplerFor(KelEdgeMode mode) {
+        return mode == KelEdgeMode::Transparent ? sampler : edgeSamplers[int(mode) - 1];
+    }
+    const RCStrongPtr<const SdTextureSampler>& samplerFor(KelEdgeMode mode) const {
+        return mode == KelEdgeMode::Transparent ? sampler : edgeSamplers[int(mode) - 1];
+    }
+};
+
+// What rand() draws by, besides the call itself (kelFunctionsNoise.cpp): the render's seed and
+// time, the pixel row being run, and for each call of the script how many numbers each column
+// has drawn from it in this row, so that a call repeated by a loop draws anew on every pass.
+class KelRandomKeys {
+public:
+    explicit KelRandomKeys(const GeInterval<int>& columns) : _columns(columns) {}
+    // -0 and 0 are one time.
+    void setFrame(unsigned seed, double time) {
+        _seed = seed;
+        _time = time + 0.0;
+    }
+    // Every count starts again from 0.
+    void startRow(int row) {
+        _row = row;
+        ++_rowRun;
+    }
+    unsigned seed() const { return _seed; }
+    double time() const { return _time; }
+    int row() const { return _row; }
+    // The counts of call `ordinal` in this row, indexed by column like IxScanline::data(); sized
+    // once per call and tile, so that a row in the steady state allocates nothing.
+    uint32_t* draws(int ordinal);
+
+private:
+    struct Draws {
+        uint32_t rowRun = 0;
+        std::vector<uint32_t> counts;
+    };
+    GeInterval<int> _columns;
+    unsigned _seed = 0;
+    double _time = 0.0;
+    int _row = 0;
+    uint32_t _rowRun = 1;
+    std::vector<Draws> _draws;  // by call ordinal
 };
 
 // Which columns are active, 1.0 or 0.0 per column, with two summary flags.
@@ -195,12 +244,15 @@ public:
     void setMask(const KelMask& saved);
     const GeInterval<int>& getInterval() const { return _interval; }
 
+    // The keys of rand(), set by the tile evaluation for the frame and for each row.
+    KelRandomKeys& random() { return _random; }
+
     // Used names
     void addUsedName(const std::string& name) { _usedNames.insert(name); }
     const std::unordered_set<std::string>& usedNames() const { return _usedNames; }
 
-    // Errors: throws KelParseEx with message + " at line " + line.
-    [[noreturn]] void raiseError(const std::string& message, int line);
+    // Errors: throws KelParseEx with message + " at line " + line, pointing at `position`.
+    [[noreturn]] void raiseError(const std::string& message, int line, const PebSourcePosition& position = {});
 
     // Pool introspection (tests, benchmarks).
     std::size_t poolSize() const { return _values.size(); }
@@ -224,6 +276,7 @@ private:
     GeInterval<int> _interval;
     std::vector<RCShdPtr<KelValue>> _values;
     KelMask _mask;
+    KelRandomKeys _random;
     bool _terminating = false;
     std::unordered_set<std::string> _usedNames;
     // The reusable copies that KelSavedMask hands out.
@@ -247,18 +300,21 @@ private:
     KelMask& _saved;
 };
 
-// A script's semantic fault, raised from `check` through raiseError; it carries the line.
+// A script's semantic fault, raised from `check` through raiseError; it carries the line and the
+// token it is about.
 class KelParseEx : public ExBase {
 public:
-    KelParseEx(const char* file, int sourceLine, const std::string& reason, int line)
-        : ExBase(file, sourceLine, reason), _line(line) {}
+    KelParseEx(const char* file, int sourceLine, const std::string& reason, int line, const PebSourcePosition& position = {})
+        : ExBase(file, sourceLine, reason), _line(line), _position(position) {}
     ~KelParseEx() override = default;
     ExBase* clone() const override { return new KelParseEx(*this); }
     [[noreturn]] void raise() const override { throw KelParseEx(*this); }
     int getLine() const { return _line; }
+    const PebSourcePosition& getPosition() const { return _position; }
 
 private:
     int _line;
+    PebSourcePosition _position;
 };
 
 }  // namespace Zt

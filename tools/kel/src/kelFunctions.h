@@ -4,7 +4,8 @@
 // or an image quantity, FunctionX is one instance of a family template whose operation is
 // defined in the family's .cpp file: kelFunctionsMath.cpp (math), kelFunctionsColor.cpp
 // (colours and channels), kelFunctionsImage.cpp and kelFunctionsSample.cpp (images),
-// kelFunctionsNoise.cpp (noise and `rand`); kelFunctionsCatalogue.cpp names them all.
+// kelFunctionsNoise.cpp (noise and `rand`), kelFunctionsShaping.cpp (clamp, mix and their
+// like); kelFunctionsCatalogue.cpp names them all.
 #pragma once
 
 #include <initializer_list>
@@ -20,6 +21,13 @@ namespace Zt {
 // `writtenParameter` (mode 1, the function writes to that argument).
 void kelDeclareOverload(FunctionCallNode& node, int overload, int returnType, std::initializer_list<int> parameterTypes,
                         int writtenParameter = -1);
+
+// The columns that a function computing like the operators computes: the mask's active span, or
+// the whole row when every column is active. Outside the span no value can reach a variable.
+inline GeInterval<int> kelComputedColumns(KelContext& context) {
+    const GeInterval<int>* span = context.getMask().activeSpan();
+    return span ? *span : context.getInterval();
+}
 
 // ---- Math ---------------------------------------------------------------------------------------
 
@@ -103,6 +111,21 @@ struct FunctionDot {
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
 };
 
+// A float of a colour's red, green and blue (`Q::apply`), over the active span of the mask:
+// `luminance` and `length`.
+template <class Q>
+struct KelColorMeasure {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
+
+namespace KelColorMeasures {
+struct Luminance; struct Length;
+}  // namespace KelColorMeasures
+
+using FunctionLuminance = KelColorMeasure<KelColorMeasures::Luminance>;
+using FunctionLength = KelColorMeasure<KelColorMeasures::Length>;
+
 // ---- Image queries and sampling -----------------------------------------------------------------
 
 // A quantity of a KelImageEntry read for each column's image id, at all columns. `Q::shortWay`
@@ -145,6 +168,40 @@ struct FunctionSample {
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
 };
 
+// `sampleClamp`, `sampleWrap`, `sampleMirror` (image, x, y): overload 0 of `sample` through the
+// image's sampler of edge mode `Edge`.
+template <KelEdgeMode Edge>
+struct KelEdgeSample {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
+
+using FunctionSampleClamp = KelEdgeSample<KelEdgeMode::Clamp>;
+using FunctionSampleWrap = KelEdgeSample<KelEdgeMode::Wrap>;
+using FunctionSampleMirror = KelEdgeSample<KelEdgeMode::Mirror>;
+
+// ---- Shaping: clamp, mix, smoothstep, step, fract, saturate -------------------------------------
+
+// The shaping family: `Op::apply` of float arguments, evaluated first to last, computed over the
+// active span of the mask. Op lists its overloads; in a colour overload the formula runs on each
+// of the four channels, a float argument standing for all four. Defined in kelFunctionsShaping.cpp.
+template <class Op>
+struct KelShapingFunction {
+    static void declare(FunctionCallNode& node);
+    static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+};
+
+namespace KelShapingOps {
+struct Clamp; struct Mix; struct SmoothStep; struct Step; struct Fract; struct Saturate;
+}  // namespace KelShapingOps
+
+using FunctionClamp = KelShapingFunction<KelShapingOps::Clamp>;
+using FunctionMix = KelShapingFunction<KelShapingOps::Mix>;
+using FunctionSmoothStep = KelShapingFunction<KelShapingOps::SmoothStep>;
+using FunctionStep = KelShapingFunction<KelShapingOps::Step>;
+using FunctionFract = KelShapingFunction<KelShapingOps::Fract>;
+using FunctionSaturate = KelShapingFunction<KelShapingOps::Saturate>;
+
 // ---- Noise and random numbers -------------------------------------------------------------------
 
 // `noise3D(x, y, z)`: at all columns, the mask plays no part.
@@ -153,13 +210,13 @@ struct FunctionNoise3D {
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
 };
 
-// `rand()`: one number of the C runtime's generator per active column, left to right.
+// `rand()`: at each active column a number from 0 to 32767 that depends only on the seed, the
+// time, the pixel, the call (its ordinal) and the call's earlier draws at that pixel in this row
+// (context.random()), as a float in [0, 1].
 struct FunctionRand {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
-    // The next number of the generator, reduced to 0..32767 (glibc's RAND_MAX is larger).
-    static int nextNumber();
-    // A generator number as a pixel: n / 32767, so 32767 gives exactly 1.0.
+    // A number as a pixel: n / 32767, so that 0 gives 0.0 and 32767 exactly 1.0.
     static float toUnit(int number) { return float(number) / 32767.0f; }
 };
 

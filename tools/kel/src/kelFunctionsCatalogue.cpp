@@ -101,6 +101,17 @@ constexpr CatalogueEntry kCatalogue[] = {
     entry<FunctionGetPixelAspectRatio, "getPixelAspectRatio">(),
     entry<FunctionIsSame,              "isSame">(),
     entry<FunctionNoise3D,             "noise3D">(),
+    entry<FunctionClamp,               "clamp">(),
+    entry<FunctionMix,                 "mix">(),
+    entry<FunctionSmoothStep,          "smoothstep">(),
+    entry<FunctionStep,                "step">(),
+    entry<FunctionFract,               "fract">(),
+    entry<FunctionSaturate,            "saturate">(),
+    entry<FunctionLuminance,           "luminance">(),
+    entry<FunctionLength,              "length">(),
+    entry<FunctionSampleClamp,         "sampleClamp">(),
+    entry<FunctionSampleWrap,          "sampleWrap">(),
+    entry<FunctionSampleMirror,        "sampleMirror">(),
 };
 constexpr bool sameName(const char* a, const char* b) {
     while (*a != 0 && *a == *b) ++a, ++b;

@@ -1,6 +1,8 @@
 // Colour and channel functions. The readers and setters go through the host's
-// whole-row channel operations (extractChannel, replaceChannelIf); `color` and `dot` are plain
-// loops over the raw rows.
+// whole-row channel operations (extractChannel, replaceChannelIf); `color`, `dot`, `luminance`
+// and `length` are plain loops over the raw rows.
+#include <cmath>
+
 #include "kelFunctions.h"
 
 #if defined(__SSE2__)
@@ -126,5 +128,38 @@ RCShdPtr<KelValue> FunctionDot::eval(const FunctionCallNode& node, KelContext& c
     }
     return result;
 }
+
+// ---- Measures of a colour's red, green and blue ------------------------------------------------
+
+namespace KelColorMeasures {
+// Rec. 709 luminance: alpha plays no part.
+struct Luminance {
+    static float apply(const Color& c) { return 0.2126f * c.r + 0.7152f * c.g + 0.0722f * c.b; }
+};
+// The plain formula, like hypot: it overflows for very large channels.
+struct Length {
+    static float apply(const Color& c) { return sqrtf(c.r * c.r + c.g * c.g + c.b * c.b); }
+};
+}  // namespace KelColorMeasures
+
+template <class Q>
+void KelColorMeasure<Q>::declare(FunctionCallNode& node) {
+    kelDeclareOverload(node, 0, KelValueTypes::Float, {KelValueTypes::Color});
+}
+
+// Over the active span, like the operators.
+template <class Q>
+RCShdPtr<KelValue> KelColorMeasure<Q>::eval(const FunctionCallNode& node, KelContext& context) {
+    KelColorPtr colour = evalColor(node, 0, context);
+    KelFloatPtr result = context.newFloat(0);
+    const GeInterval<int> columns = kelComputedColumns(context);
+    float* d = result->getScanline().data();
+    const Color* p = colour->getScanline().data();
+    for (int x = columns.min; x < columns.max; ++x) d[x] = Q::apply(p[x]);
+    return result;
+}
+
+template struct KelColorMeasure<KelColorMeasures::Luminance>;
+template struct KelColorMeasure<KelColorMeasures::Length>;
 
 }  // namespace Zt

@@ -1,10 +1,11 @@
 // Noise and random numbers. `noise3D` is improved Perlin noise over KEL's own permutation table,
 // computed in a fixed order of float operations (floor by bit pattern, fifth-degree fade, twelve
-// edge gradients padded to sixteen) so that a script's noise is the same everywhere; `rand`
-// draws from the C runtime's generator.
+// edge gradients padded to sixteen) so that a script's noise is the same everywhere. `rand` is a
+// hash of its keys, not a sequence: a pixel's number depends on the seed, the time, the pixel,
+// the call and how often that call already ran for the pixel in this row, and on nothing else,
+// so that threads, tiles and the way frames are shared out cannot change a picture.
 #include <bit>
 #include <cstdint>
-#include <cstdlib>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -153,18 +154,38 @@ RCShdPtr<KelValue> FunctionNoise3D::eval(const FunctionCallNode& node, KelContex
 
 void FunctionRand::declare(FunctionCallNode& node) { kelDeclareOverload(node, 0, KelValueTypes::Float, {}); }
 
-// Never seeded: the sequence runs on from the runtime's default through all evaluations.
-int FunctionRand::nextNumber() { return std::rand() & 0x7fff; }
+namespace {
 
-// Left to right, one number per active column; an inactive column takes none and isn't written.
+// SplitMix64's step: the golden-ratio increment, then its finaliser, a bijection that spreads
+// every input bit over the whole word. Absorbing a key is mixing it into the hash so far.
+uint64_t mix(uint64_t z) {
+    z += 0x9E3779B97F4A7C15ull;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return z ^ (z >> 31);
+}
+uint64_t absorb(uint64_t hash, uint64_t key) { return mix(hash ^ key); }
+
+}  // namespace
+
+// The keys in a fixed order: seed, time (its bits), the call's ordinal, the row, then per pixel the
+// column and the count of the call's earlier draws there. The number is the hash's top 15 bits.
+// An inactive column draws nothing, is not written, and does not count.
 RCShdPtr<KelValue> FunctionRand::eval(const FunctionCallNode& node, KelContext& context) {
     KelFloatPtr result = context.newFloat(0);
     IxScanline<float>& out = result->getScanline();
+    KelRandomKeys& keys = context.random();
+    uint64_t hash = absorb(0, keys.seed());
+    hash = absorb(hash, std::bit_cast<uint64_t>(keys.time()));
+    hash = absorb(hash, uint32_t(node.ordinal()));
+    hash = absorb(hash, uint32_t(keys.row()));
+    uint32_t* draws = keys.draws(node.ordinal());
     float* d = out.data();
-    const KelMask& mask = context.getMask();
-    const float* m = mask.getScanline().data();
-    for (int x = out.minimum(); x < out.maximum(); ++x)
-        if (m[x] != 0.0f) d[x] = toUnit(nextNumber());
+    const float* m = context.getMask().getScanline().data();
+    for (int x = out.minimum(); x < out.maximum(); ++x) {
+        if (m[x] == 0.0f) continue;
+        d[x] = toUnit(int(absorb(absorb(hash, uint32_t(x)), draws[x]++) >> 49));
+    }
     return result;
 }
 

@@ -1,6 +1,8 @@
-// `sample`. Overload 0 reads an image through its sampler at given coordinates, for the active
-// columns; overload 1 copies the current pixel from the image's row, and is the node that the
-// implicit wrap (wrapInSample) builds wherever an image stands for a colour.
+// `sample` and its edge forms. Overload 0 reads an image through its sampler at given
+// coordinates, for the active columns; overload 1 copies the current pixel from the image's row,
+// and is the node that the implicit wrap (wrapInSample) builds wherever an image stands for a
+// colour. `sampleClamp`, `sampleWrap` and `sampleMirror` read at coordinates like overload 0,
+// through the image's sampler of their edge mode, which the tile made for them.
 #include "kelFunctions.h"
 
 namespace Zt {
@@ -19,7 +21,7 @@ const Zt::Color kOpaqueBlack{0.0f, 0.0f, 0.0f, 1.0f};
 int imageId(float id) { return static_cast<int>(id); }
 
 // Overload 0: inactive columns aren't written; an entry without sampler gives opaque black.
-RCShdPtr<KelValue> sampleAtCoordinates(const FunctionCallNode& node, KelContext& context) {
+RCShdPtr<KelValue> sampleAtCoordinates(const FunctionCallNode& node, KelContext& context, KelEdgeMode edge) {
     KelImagePtr image = rcStaticCast<KelImage>(node.argument(0)->eval(context));
     KelFloatPtr xs = rcStaticCast<KelFloat>(node.argument(1)->eval(context));
     KelFloatPtr ys = rcStaticCast<KelFloat>(node.argument(2)->eval(context));
@@ -31,9 +33,9 @@ RCShdPtr<KelValue> sampleAtCoordinates(const FunctionCallNode& node, KelContext&
         // One image for the whole row: its sampler takes the row at once (issue 8).
         const KelImageEntry& entry = context.getImage(imageId(ids[out.minimum()]));
         const IxScanline<float>* active = mask.activeScanline();
-        if (entry.sampler) {
-            entry.sampler->sampleRow(out.data(), xs->getScanline().data(), ys->getScanline().data(),
-                                     active ? active->data() : nullptr, out.minimum(), out.maximum());
+        if (const auto& sampler = entry.samplerFor(edge)) {
+            sampler->sampleRow(out.data(), xs->getScanline().data(), ys->getScanline().data(),
+                               active ? active->data() : nullptr, out.minimum(), out.maximum());
         } else {
             for (int x = out.minimum(); x < out.maximum(); ++x)
                 if (!active || active->data()[x] != 0.0f) out.data()[x] = kOpaqueBlack;
@@ -42,13 +44,13 @@ RCShdPtr<KelValue> sampleAtCoordinates(const FunctionCallNode& node, KelContext&
     }
     for (int x = out.minimum(); x < out.maximum(); ++x) {
         if (mask.isActive(x) == 0.0f) continue;
-        const KelImageEntry& entry = context.getImage(imageId(ids[x]));
-        if (!entry.sampler) {
+        const auto& sampler = context.getImage(imageId(ids[x])).samplerFor(edge);
+        if (!sampler) {
             out.data()[x] = kOpaqueBlack;
             continue;
         }
         const double coords[2] = {double(xs->getScanline().data()[x]), double(ys->getScanline().data()[x])};
-        entry.sampler->sampleAt(out.data()[x], coords, kIdentity);
+        sampler->sampleAt(out.data()[x], coords, kIdentity);
     }
     return result;
 }
@@ -77,7 +79,22 @@ void FunctionSample::declare(FunctionCallNode& node) {
 }
 
 RCShdPtr<KelValue> FunctionSample::eval(const FunctionCallNode& node, KelContext& context) {
-    return node.overload() == 0 ? sampleAtCoordinates(node, context) : sampleCurrentPixel(node, context);
+    return node.overload() == 0 ? sampleAtCoordinates(node, context, KelEdgeMode::Transparent)
+                                : sampleCurrentPixel(node, context);
 }
+
+template <KelEdgeMode Edge>
+void KelEdgeSample<Edge>::declare(FunctionCallNode& node) {
+    kelDeclareOverload(node, 0, KelValueTypes::Color, {KelValueTypes::Image, KelValueTypes::Float, KelValueTypes::Float});
+}
+
+template <KelEdgeMode Edge>
+RCShdPtr<KelValue> KelEdgeSample<Edge>::eval(const FunctionCallNode& node, KelContext& context) {
+    return sampleAtCoordinates(node, context, Edge);
+}
+
+template struct KelEdgeSample<KelEdgeMode::Clamp>;
+template struct KelEdgeSample<KelEdgeMode::Wrap>;
+template struct KelEdgeSample<KelEdgeMode::Mirror>;
 
 }  // namespace Zt

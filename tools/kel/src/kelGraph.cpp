@@ -40,7 +40,7 @@ RCShdPtr<KelValue> ParameterNode::eval(KelContext& context) const {
 
 // Input parameters are const; output parameters are writable.
 RCShdPtr<KelValue> ParameterNode::check(KelContext& context) {
-    if (context.getVariableId(_name) != -1) context.raiseError("Variable already defined: " + _name, _line);
+    if (context.getVariableId(_name) != -1) context.raiseError("Variable already defined: " + _name, _line, _position);
     int id = context.declareVariable(_name);
     int writable = _direction == 1 ? 1 : 0;
     RCShdPtr<KelValue> value;
@@ -139,7 +139,7 @@ void checkConstArguments(const FunctionCallNode& node, const std::vector<KelValu
         if (prototypes[i]->isConst() && modes[i] == 1)
             context.raiseError("The parameter #" + LiStringUtil::convertNb(int(i) + 1) + " cannot be used in the function " +
                                    node.getName() + " because it is const.",
-                               node.line());
+                               node.line(), node.position());
 }
 
 // A return type that is neither Float, Image nor Color means void.
@@ -164,7 +164,7 @@ RCShdPtr<KelValue> FunctionCallNode::check(KelContext& context) {
     std::vector<KelValuePtr> prototypes;
     for (KelNodePtr& argument : _arguments) {
         KelValuePtr prototype = argument->check(context);
-        if (!prototype) context.raiseError("Void type argument is not valid for function '" + _name + "'", _line);
+        if (!prototype) context.raiseError("Void type argument is not valid for function '" + _name + "'", _line, _position);
         prototypes.push_back(prototype);
     }
     if (_parameterTypes.empty()) {
@@ -181,15 +181,16 @@ RCShdPtr<KelValue> FunctionCallNode::check(KelContext& context) {
 // The overload taken, each image argument at a colour parameter is sampled.
 void FunctionCallNode::resolveRelaxed(std::vector<KelValuePtr>& prototypes, KelContext& context) {
     _overload = firstFitting(_parameterTypes, prototypes, true);
-    if (_overload == -1) context.raiseError("No overloaded function for '" + _name + "' match the argument list", _line);
+    if (_overload == -1) context.raiseError("No overloaded function for '" + _name + "' match the argument list", _line, _position);
     const std::vector<int>& types = _parameterTypes[std::size_t(_overload)];
     for (std::size_t i = 0; i < prototypes.size(); ++i)
-        if (types[i] == Color && prototypes[i]->isType(Image)) prototypes[i] = wrapInSample(_arguments[i], _line, context);
+        if (types[i] == Color && prototypes[i]->isType(Image)) prototypes[i] = wrapInSample(_arguments[i], _line, context, _position);
 }
 
 // FunctionSample::declare gives the two overloads; the check picks `sample(image)`.
-RCShdPtr<KelValue> wrapInSample(KelNodePtr& child, int line, KelContext& context) {
+RCShdPtr<KelValue> wrapInSample(KelNodePtr& child, int line, KelContext& context, const PebSourcePosition& position) {
     RCShdPtr<FunctionNode<FunctionSample>> sample(new FunctionNode<FunctionSample>("sample", line));
+    sample->setPosition(position);
     sample->addArgument(child);
     child = sample;
     return sample->check(context);

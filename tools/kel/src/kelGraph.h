@@ -69,9 +69,14 @@ public:
     virtual RCShdPtr<KelValue> eval(KelContext& context) const { return nullptr; }
     virtual RCShdPtr<KelValue> check(KelContext& context) { return nullptr; }
     int line() const { return _line; }
+    // The token this node names (its name, operator or keyword), where its errors point; the
+    // parser sets it, and a node made otherwise has none (0, 0).
+    const PebSourcePosition& position() const { return _position; }
+    virtual void setPosition(const PebSourcePosition& position) { _position = position; }
 
 protected:
     int32_t _line;
+    PebSourcePosition _position;
 };
 
 // ---- Control flow -------------------------------------------------------------------------------
@@ -243,6 +248,8 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    // Both halves name the declared variable.
+    void setPosition(const PebSourcePosition& position) override;
 
 private:
     InitVarNode _init;
@@ -289,6 +296,10 @@ public:
     const std::vector<std::vector<int>>& parameterTypes() const { return _parameterTypes; }
     const std::vector<std::vector<int>>& parameterModes() const { return _parameterModes; }
     const std::vector<int>& returnTypes() const { return _returnTypes; }
+    // Which call of its function this is, counting from 0 in reading order (the parser numbers
+    // them): the call's own place in the script, whatever else the script holds.
+    int ordinal() const { return _ordinal; }
+    void setOrdinal(int ordinal) { _ordinal = ordinal; }
 
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override = 0;
@@ -305,6 +316,7 @@ protected:
     std::vector<std::vector<int>> _parameterModes;
     std::vector<int> _returnTypes;
     int32_t _overload = -1;
+    int32_t _ordinal = 0;
 };
 using KelCallPtr = RCShdPtr<FunctionCallNode>;
 
@@ -318,8 +330,8 @@ public:
     RCShdPtr<KelValue> eval(KelContext& context) const override { return F::eval(*this, context); }
 };
 
-// The implicit `sample` wrap: replaces `child` by sample(child) made at `line`,
+// The implicit `sample` wrap: replaces `child` by sample(child) made at `line` and `position`,
 // checks the new node and returns its prototype (a colour).
-RCShdPtr<KelValue> wrapInSample(KelNodePtr& child, int line, KelContext& context);
+RCShdPtr<KelValue> wrapInSample(KelNodePtr& child, int line, KelContext& context, const PebSourcePosition& position = {});
 
 }  // namespace Zt

@@ -9,10 +9,11 @@ namespace Zt {
 namespace {
 
 // A condition must be a KelType<float> of type Float; void, colour and image fail.
-void checkCondition(const KelNodePtr& condition, KelContext& context, const char* message, int line) {
+void checkCondition(const KelNodePtr& condition, KelContext& context, const char* message, int line,
+                    const PebSourcePosition& position) {
     KelValuePtr prototype = condition->check(context);
     if (!dynamic_cast<KelType<float>*>(prototype.get()) || !prototype->isType(KelValueTypes::Float))
-        context.raiseError(message, line);
+        context.raiseError(message, line, position);
 }
 
 KelFloatPtr evalCondition(const KelNodePtr& condition, KelContext& context) {
@@ -90,7 +91,7 @@ RCShdPtr<KelValue> IfNode::eval(KelContext& context) const {
 }
 
 RCShdPtr<KelValue> IfNode::check(KelContext& context) {
-    checkCondition(_condition, context, "If condition is not a float type", _line);
+    checkCondition(_condition, context, "If condition is not a float type", _line, _position);
     _then->check(context);
     if (_else) _else->check(context);
     return nullptr;
@@ -122,7 +123,7 @@ RCShdPtr<KelValue> WhileNode::eval(KelContext& context) const {
 }
 
 RCShdPtr<KelValue> WhileNode::check(KelContext& context) {
-    checkCondition(_condition, context, "While condition is not a float type", _line);
+    checkCondition(_condition, context, "While condition is not a float type", _line, _position);
     _body->check(context);
     return nullptr;
 }
@@ -166,7 +167,7 @@ RCShdPtr<KelValue> ForNode::eval(KelContext& context) const {
 RCShdPtr<KelValue> ForNode::check(KelContext& context) {
     context.pushScope();
     if (_init) _init->check(context);
-    checkCondition(_condition, context, "For condition is not a float type", _line);
+    checkCondition(_condition, context, "For condition is not a float type", _line, _position);
     _body->check(context);
     if (_increment) _increment->check(context);
     context.popScope();

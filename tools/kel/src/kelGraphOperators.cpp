@@ -150,12 +150,12 @@ RCShdPtr<KelValue> UnaryOpNode::eval(KelContext& context) const {
 // fails.
 RCShdPtr<KelValue> UnaryOpNode::check(KelContext& context) {
     KelValuePtr prototype = _operand->check(context);
-    if (!prototype) context.raiseError("void unary operation is not defined", _line);
-    if (prototype->isType(Image)) prototype = wrapInSample(_operand, _line, context);
+    if (!prototype) context.raiseError("void unary operation is not defined", _line, _position);
+    if (prototype->isType(Image)) prototype = wrapInSample(_operand, _line, context, _position);
     if (isIncrement(_operator) && prototype->isConst())
-        context.raiseError("Increment operator must be done on non-const value", _line);
+        context.raiseError("Increment operator must be done on non-const value", _line, _position);
     if (_operator == "--" || _operator == "++") return prototype;
-    if (prototype->isType(Color) && _operator == "!") context.raiseError("Color does not support ! operator", _line);
+    if (prototype->isType(Color) && _operator == "!") context.raiseError("Color does not support ! operator", _line, _position);
     if (prototype->isType(Color)) return context.newColor(0);
     if (!prototype->isType(Float)) return nullptr;
     return context.newFloat(0);
@@ -218,15 +218,15 @@ RCShdPtr<KelValue> BinaryOpNode::check(KelContext& context) {
     KelValuePtr left = _left->check(context);
     KelValuePtr right = _right->check(context);
     if (_op == Op::Comma) return right;
-    if (!left || !right) context.raiseError("void binary operation is not defined", _line);
-    if (left->isType(Image)) left = wrapInSample(_left, _line, context);
-    if (right->isType(Image)) right = wrapInSample(_right, _line, context);
+    if (!left || !right) context.raiseError("void binary operation is not defined", _line, _position);
+    if (left->isType(Image)) left = wrapInSample(_left, _line, context, _position);
+    if (right->isType(Image)) right = wrapInSample(_right, _line, context, _position);
     if (left->getType() != right->getType() && isComparison(_op))
-        context.raiseError("Operator " + _operator + " is not valid between different type", _line);
+        context.raiseError("Operator " + _operator + " is not valid between different type", _line, _position);
     if (left->isType(Color) || right->isType(Color)) {
         if (isComparison(_op)) return context.newFloat(0);
         if (isColorArithmetic(_op)) return context.newColor(0);
-        context.raiseError("Operator " + _operator + " not valid on color type", _line);
+        context.raiseError("Operator " + _operator + " not valid on color type", _line, _position);
     }
     return context.newFloat(0);
 }

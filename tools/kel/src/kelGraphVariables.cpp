@@ -81,21 +81,21 @@ RCShdPtr<KelValue> AssignNode::eval(KelContext& context) const {
 RCShdPtr<KelValue> AssignNode::check(KelContext& context) {
     KelValuePtr prototype = _value->check(context);
     _id = context.getVariableId(_name);
-    if (_id == -1) context.raiseError("Undefined variable: " + _name, _line);
-    if (!prototype) context.raiseError("Cannot assign the value of type void", _line);
+    if (_id == -1) context.raiseError("Undefined variable: " + _name, _line, _position);
+    if (!prototype) context.raiseError("Cannot assign the value of type void", _line, _position);
     KelValuePtr variable = context.getVariable(_id);
-    if (variable->isConst() && _checkConst == 1) context.raiseError("Cannot assign a const variable: " + _name, _line);
+    if (variable->isConst() && _checkConst == 1) context.raiseError("Cannot assign a const variable: " + _name, _line, _position);
     switch (variable->getType()) {
         case Float:
             if (!prototype->isType(Float))
-                context.raiseError("Cannot assign a float with anything other than float", _line);
+                context.raiseError("Cannot assign a float with anything other than float", _line, _position);
             break;
         case Image:
             if (!prototype->isType(Image) || _op != Assign::Set)
-                context.raiseError("Cannot assign a image with anything other than image", _line);
+                context.raiseError("Cannot assign a image with anything other than image", _line, _position);
             break;
         case Color:
-            if (prototype->isType(Image)) wrapInSample(_value, _line, context);
+            if (prototype->isType(Image)) wrapInSample(_value, _line, context, _position);
             break;
         default: break;
     }
@@ -139,7 +139,7 @@ RCShdPtr<KelValue> InitVarNode::eval(KelContext& context) const {
 
 // The lookup runs through all open scopes, so no declaration shadows another.
 RCShdPtr<KelValue> InitVarNode::check(KelContext& context) {
-    if (context.getVariableId(_name) != -1) context.raiseError("Variable already defined: " + _name, _line);
+    if (context.getVariableId(_name) != -1) context.raiseError("Variable already defined: " + _name, _line, _position);
     _id = context.declareVariable(_name);
     return eval(context);
 }
@@ -167,6 +167,12 @@ RCShdPtr<KelValue> InitVarAssignNode::check(KelContext& context) {
     return _assign.check(context);
 }
 
+void InitVarAssignNode::setPosition(const PebSourcePosition& position) {
+    KelSyntaxTree::setPosition(position);
+    _init.setPosition(position);
+    _assign.setPosition(position);
+}
+
 // ---- VariableNode -------------------------------------------------------------------------------
 
 VariableNode::VariableNode(const std::string& name, int line) : KelSyntaxTree(line), _name(name) {}
@@ -178,7 +184,7 @@ RCShdPtr<KelValue> VariableNode::eval(KelContext& context) const { return contex
 
 RCShdPtr<KelValue> VariableNode::check(KelContext& context) {
     _id = context.getVariableId(_name);
-    if (_id == -1) context.raiseError("Variable not defined: " + _name, _line);
+    if (_id == -1) context.raiseError("Variable not defined: " + _name, _line, _position);
     context.addUsedName(_name);
     return context.getVariable(_id);
 }

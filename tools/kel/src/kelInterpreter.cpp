@@ -6,6 +6,7 @@
 #include "kelInterpreter.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace Zt {
 
@@ -45,16 +46,39 @@ RCStrongPtr<IxScanline<Color>> newRow(const GeInterval<int>& columns, int mode, 
     return RCStrongPtr<IxScanline<Color>>(new IxScanline<Color>(columns, IxPaddingPolicy<Color>{mode, pad}));
 }
 
+// Each way of reading an image at coordinates: the used name of the call that reads so, and
+// the host sampler's wrap mode for it, in the order of KelEdgeMode.
+struct EdgeRead {
+    KelEdgeMode mode;
+    const char* usedName;
+    int wrapMode;
+};
+constexpr EdgeRead kEdgeReads[] = {
+    {KelEdgeMode::Transparent, "sample0",       SdTextureParams::kWrapFill},
+    {KelEdgeMode::Clamp,       "sampleClamp0",  SdTextureParams::kWrapClamp},
+    {KelEdgeMode::Wrap,        "sampleWrap0",   SdTextureParams::kWrapRepeat},
+    {KelEdgeMode::Mirror,      "sampleMirror0", SdTextureParams::kWrapMirror},
+};
+static_assert(std::size(kEdgeReads) == std::size_t(KelEdgeMode::Count), "one row per edge mode");
+constexpr bool edgeReadsInOrder() {
+    for (std::size_t i = 0; i < std::size(kEdgeReads); ++i)
+        if (int(kEdgeReads[i].mode) != int(i)) return false;
+    return true;
+}
+static_assert(edgeReadsInOrder(), "rows in the order of KelEdgeMode");
+
 // The used names that decide what a tile pays for.
 struct CostlyNames {
     explicit CostlyNames(const KelRunInfo& run)
-        : time(uses(run, "t")), x(uses(run, "x")), y(uses(run, "y")), samplers(uses(run, "sample0")),
-          inputRows(uses(run, "sample1")) {}
+        : time(uses(run, "t")), x(uses(run, "x")), y(uses(run, "y")), inputRows(uses(run, "sample1")) {
+        for (const EdgeRead& read : kEdgeReads) samplers[int(read.mode)] = uses(run, read.usedName);
+    }
     static bool uses(const KelRunInfo& run, const char* name) { return run.usedNames.count(name) != 0; }
+    bool anySampler() const { return std::find(std::begin(samplers), std::end(samplers), true) != std::end(samplers); }
 
     bool time;       // the result is valid at this time only
     bool x, y;       // the coordinate rows are filled
-    bool samplers;   // sample(image, x, y): a linked sampler per input
+    bool samplers[int(KelEdgeMode::Count)] = {};  // sample(image, x, y) and its edge forms: a sampler per input
     bool inputRows;  // sample(image): each input's row y, read before the script runs on it
 };
 
@@ -76,11 +100,12 @@ public:
 
     PxImageResult run(const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& params) {
         _validity = validity();
+        _kc.random().setFrame(_context.seed, _context.time);
         _run.function->declareParameters(_kc);
         addNoImageAndOutputEntries();
         computeInputs(inputs);
         bindParameters(inputs, params);
-        if (_names.samplers) linkSamplers();
+        if (_names.anySampler()) linkSamplers();
         makeOutputAndCoordinateRows();
         runRows();
         return PxImageResult(_tile, _validity);
@@ -156,23 +181,28 @@ private:
         entry.nominalRect = input->getROD(_context).rect;
         entry.pixelAspectRatio = float(inputFormat.aspectNum) / float(inputFormat.aspectDen);
         entry.pixelRect = PxImageProtocol::nominalToPixelized(entry.nominalRect, entry.pixelAspectRatio, _scale);
-        if (_names.samplers) {
+        for (const EdgeRead& read : kEdgeReads) {
+            if (!_names.samplers[int(read.mode)]) continue;
             SdTextureParams texture;
             texture.textureMatrix = textureMatrix(entry.nominalRect);
             texture.filterMode = 1;  // bilinear
-            texture.wrapModeS = 0;   // outside the image: its fill colour
-            texture.wrapModeT = 0;
-            entry.sampler = PxImageTexture(input, _context.timeScale(), texture).createSampler();
+            texture.wrapModeS = read.wrapMode;
+            texture.wrapModeT = read.wrapMode;
+            entry.samplerFor(read.mode) = PxImageTexture(input, _context.timeScale(), texture).createSampler();
         }
         if (_names.inputRows) entry.scanline = newRow(_columns, IxPaddingPolicy<Color>::kPadWithFillColor, tile.getFillColor());
         return entry;
     }
 
-    // Each input's sampler is linked with every other, so that they share what they have read.
+    // Each sampler of the tile is linked with every other, so that they share what they have read.
     void linkSamplers() {
+        std::vector<RCStrongPtr<const SdTextureSampler>> all;
         for (std::size_t i = 2; i < _kc.imageCount(); ++i)
-            for (std::size_t j = 2; j < _kc.imageCount(); ++j)
-                if (i != j) _kc.getImage(int(i)).sampler->linkSampler(_kc.getImage(int(j)).sampler);
+            for (const EdgeRead& read : kEdgeReads)
+                if (_names.samplers[int(read.mode)]) all.push_back(_kc.getImage(int(i)).samplerFor(read.mode));
+        for (std::size_t i = 0; i < all.size(); ++i)
+            for (std::size_t j = 0; j < all.size(); ++j)
+                if (i != j) all[i]->linkSampler(all[j]);
     }
 
     // The output value lives through the tile. `x` and `y` are nominal coordinates: a column
@@ -206,6 +236,7 @@ private:
     // The output starts each row opaque black; the script sees row y of every input.
     void runRow(int y) {
         IxScanlineUtil::set(_output->getScanline(), kOpaqueBlack, nullptr);
+        _kc.random().startRow(y);
         if (_names.y) IxScanlineUtil::set(*_yRow, float(y) / _scale, nullptr);
         if (_names.inputRows) {
             for (std::size_t i = 0; i < _inputCount; ++i) _kc.getImage(int(i + 2)).scanline->readFrom(_inputTiles[i].getTileGuard(), y);

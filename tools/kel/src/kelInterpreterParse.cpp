@@ -51,7 +51,7 @@ bool KelInterpreter::parse(const std::string& script, const RCShdPtr<PebRunInfo>
     info->function = function;
 
     // A function of another name is reported, but neither stops the compilation nor changes its result.
-    if (function->getName() != "main") protocol.addError("Function main is not found", 0);
+    if (function->getName() != "main") protocol.addError("Function main is not found", 0, function->position());
 
     // Each node parameter binds to the script's parameter of its name, of the same type and
     // direction; one that the script doesn't declare is added.
@@ -73,29 +73,31 @@ bool KelInterpreter::parse(const std::string& script, const RCShdPtr<PebRunInfo>
         bound.insert(name);
         const int nodeType = nodeParameter.getType();
         const int scriptType = match->getType();
+        const PebSourcePosition& where = match->position();
         if (nodeType == PebInterpreterTypes::Float && scriptType != PebInterpreterTypes::Float)
-            return protocol.addError("Parameter " + name + " is not of type float", 0);
+            return protocol.addError("Parameter " + name + " is not of type float", 0, where);
         if (nodeType == PebInterpreterTypes::Color && scriptType != PebInterpreterTypes::Color)
-            return protocol.addError("Parameter " + name + " is not of type color", 0);
+            return protocol.addError("Parameter " + name + " is not of type color", 0, where);
         if (nodeType == PebInterpreterTypes::Image && scriptType != PebInterpreterTypes::Image)
-            return protocol.addError("Parameter " + name + " is not of type image", 0);
+            return protocol.addError("Parameter " + name + " is not of type image", 0, where);
         if (nodeParameter.isOutput() != match->isOutput())
             return protocol.addError(
-                "Parameter " + name + (nodeParameter.isOutput() ? " is not an output" : " is not an input"), 0);
+                "Parameter " + name + (nodeParameter.isOutput() ? " is not an output" : " is not an input"), 0, where);
     }
 
     // Every parameter the script declares must be one of the node's. `declared` is the list
     // before the additions above, so only the script's own are looked at.
     for (const KelParameterPtr& scriptParameter : declared)
         if (bound.count(scriptParameter->getName()) == 0)
-            return protocol.addError("Parameter " + scriptParameter->getName() + " is not a valid parameter", 0);
+            return protocol.addError("Parameter " + scriptParameter->getName() + " is not a valid parameter", 0,
+                                     scriptParameter->position());
 
     // The static check, in a context of one column; its prototype value is dropped.
     KelContext context(GeInterval<int>(0, 1), 0);
     try {
         function->check(context);
     } catch (const KelParseEx& failure) {
-        return protocol.addError(failure.getReason(), failure.getLine());
+        return protocol.addError(failure.getReason(), failure.getLine(), failure.getPosition());
     }
 
     info->variableCount = context.variableCount();

@@ -26,10 +26,15 @@ KelParserProtocol::~KelParserProtocol() {
 constexpr int kMaxTreeHeight = 10000;
 
 bool KelParserProtocol::push(RCShdPtr<KelSyntaxTree> node, int height) {
-    if (height > kMaxTreeHeight) return addError("Error: Script too long", 0);
+    if (height > kMaxTreeHeight) return addError("Error: Script too long", 0, kelStopPosition());
     _stack.push(std::move(node));
     _heights.push(height);
     return true;
+}
+
+bool KelParserProtocol::push(RCShdPtr<KelSyntaxTree> node, int height, const PebSourcePosition& position) {
+    node->setPosition(position);
+    return push(std::move(node), height);
 }
 
 // The grammar never asks for more than the stack holds; if a broken caller does, it gets the
@@ -52,17 +57,17 @@ RCShdPtr<KelSyntaxTree> KelParserProtocol::pop(int& height) {
     return node;
 }
 
-bool KelParserProtocol::assign(const std::string& name, const std::string& op, int line) {
+bool KelParserProtocol::assign(const std::string& name, const std::string& op, int line, const PebSourcePosition& position) {
     int height;
     RCShdPtr<KelSyntaxTree> value = pop(height);
-    return push(new AssignNode(name, op, value, line, 1), height + 1);
+    return push(new AssignNode(name, op, value, line, 1), height + 1, position);
 }
 
-bool KelParserProtocol::binaryOp(const std::string& op, int line) {
+bool KelParserProtocol::binaryOp(const std::string& op, int line, const PebSourcePosition& position) {
     int rightHeight, leftHeight;
     RCShdPtr<KelSyntaxTree> right = pop(rightHeight);
     RCShdPtr<KelSyntaxTree> left = pop(leftHeight);
-    return push(new BinaryOpNode(op, left, right, line), std::max(leftHeight, rightHeight) + 1);
+    return push(new BinaryOpNode(op, left, right, line), std::max(leftHeight, rightHeight) + 1, position);
 }
 
 bool KelParserProtocol::setElse(int line) {
@@ -77,12 +82,16 @@ bool KelParserProtocol::addError(const std::string& text, const std::string& det
     return addError(text + " : " + detail, line);
 }
 
-bool KelParserProtocol::addError(const std::string& message, int line) {
-    _errors->push_back(PebError(message, line));
+bool KelParserProtocol::addError(const std::string& message, int line, const PebSourcePosition& position) {
+    _errors->push_back(PebError(message, line, position));
     return false;
 }
 
-bool KelParserProtocol::forLoop(int parts, int line) {
+bool KelParserProtocol::syntaxError(const char* text, int line) {
+    return addError(kelSyntaxMessage(text, line), line, _stop);
+}
+
+bool KelParserProtocol::forLoop(int parts, int line, const PebSourcePosition& position) {
     int bodyHeight, incrementHeight = 0, conditionHeight, initHeight = 0;
     KelBlockPtr body = rcCheckedCast<StatementBlockNode>(pop(bodyHeight));
     RCShdPtr<KelSyntaxTree> increment;
@@ -91,14 +100,18 @@ bool KelParserProtocol::forLoop(int parts, int line) {
     RCShdPtr<KelSyntaxTree> init;
     if (parts & ForInit) init = pop(initHeight);
     return push(new ForNode(init, condition, increment, body, line),
-                std::max({bodyHeight, incrementHeight, conditionHeight, initHeight}) + 1);
+                std::max({bodyHeight, incrementHeight, conditionHeight, initHeight}) + 1, position);
 }
 
-bool KelParserProtocol::functionCall(const std::string& name, int line) {
+// Each call also learns which call of its function it is, in reading order (FunctionCallNode's
+// ordinal): `rand` draws its own numbers by it.
+bool KelParserProtocol::functionCall(const std::string& name, int line, const PebSourcePosition& position) {
     KelFunctionTable::Factory factory = KelFunctionTable::lookup(name);
     if (factory == nullptr)
-        return addError("Function undefined : " + name + " at line " + LiStringUtil::convertNb(line), line);
-    return push(factory(line), 1);
+        return addError("Function undefined : " + name + " at line " + LiStringUtil::convertNb(line), line, position);
+    RCShdPtr<FunctionCallNode> call = factory(line);
+    call->setOrdinal(_callsByName[name]++);
+    return push(call, 1, position);
 }
 
 bool KelParserProtocol::addArgument() {
@@ -109,35 +122,36 @@ bool KelParserProtocol::addArgument() {
     return push(call, std::max(callHeight, argumentHeight + 1));
 }
 
-bool KelParserProtocol::functionDeclaration(const std::string& name, int line) {
+bool KelParserProtocol::functionDeclaration(const std::string& name, int line, const PebSourcePosition& position) {
     int bodyHeight;
     KelBlockPtr body = rcCheckedCast<StatementBlockNode>(pop(bodyHeight));
     RCShdPtr<FunctionDeclarationNode> function(new FunctionDeclarationNode(name, body, line));
     // Only parameters lie under the block here; popping them reverses them, so `_parameters`
     // holds the last declared first, the order of the check and of the variable ids.
     while (!_stack.empty()) function->addParameter(rcCheckedCast<ParameterNode>(pop()));
-    return push(function, std::max(bodyHeight, 1) + 1);
+    return push(function, std::max(bodyHeight, 1) + 1, position);
 }
 
-bool KelParserProtocol::ifStatement(int line) {
+bool KelParserProtocol::ifStatement(int line, const PebSourcePosition& position) {
     int thenHeight, conditionHeight;
     KelBlockPtr thenBlock = rcCheckedCast<StatementBlockNode>(pop(thenHeight));
     RCShdPtr<KelSyntaxTree> condition = pop(conditionHeight);
-    return push(new IfNode(condition, thenBlock, line), std::max(thenHeight, conditionHeight) + 1);
+    return push(new IfNode(condition, thenBlock, line), std::max(thenHeight, conditionHeight) + 1, position);
 }
 
-bool KelParserProtocol::variableDeclaration(const std::string& type, const std::string& name, bool writable, int line) {
-    return push(new InitVarNode(type, name, writable, line), 1);
+bool KelParserProtocol::variableDeclaration(const std::string& type, const std::string& name, bool writable, int line,
+                                            const PebSourcePosition& position) {
+    return push(new InitVarNode(type, name, writable, line), 1, position);
 }
 
 bool KelParserProtocol::variableInitialisation(const std::string& type, const std::string& name, bool writable,
-                                               int line) {
+                                               int line, const PebSourcePosition& position) {
     int height;
     RCShdPtr<KelSyntaxTree> value = pop(height);
-    return push(new InitVarAssignNode(type, name, value, writable, line), height + 1);
+    return push(new InitVarAssignNode(type, name, value, writable, line), height + 1, position);
 }
 
-bool KelParserProtocol::floatLiteral(const std::string& text, int line) {
+bool KelParserProtocol::floatLiteral(const std::string& text, int line, const PebSourcePosition& position) {
     // The three limits by bit pattern, exact on every platform: the scanner passes their names,
     // not decimal text.
     float value;
@@ -149,11 +163,12 @@ bool KelParserProtocol::floatLiteral(const std::string& text, int line) {
         value = std::bit_cast<float>(std::uint32_t(0x34000000));
     else
         value = LiStringUtil::convertToFloat(text);
-    return push(new FloatLiteralNode(value, line), 1);
+    return push(new FloatLiteralNode(value, line), 1, position);
 }
 
-bool KelParserProtocol::parameter(const std::string& name, const std::string& type, bool isOutput, int line) {
-    return push(new ParameterNode(name, type, isOutput, line), 1);
+bool KelParserProtocol::parameter(const std::string& name, const std::string& type, bool isOutput, int line,
+                                  const PebSourcePosition& position) {
+    return push(new ParameterNode(name, type, isOutput, line), 1, position);
 }
 
 bool KelParserProtocol::addStatement(int line) {
@@ -178,21 +193,21 @@ bool KelParserProtocol::startBlock(int line) {
     return push(new StatementBlockNode(line), 1);
 }
 
-bool KelParserProtocol::unaryOp(const std::string& op, int line) {
+bool KelParserProtocol::unaryOp(const std::string& op, int line, const PebSourcePosition& position) {
     int height;
     RCShdPtr<KelSyntaxTree> operand = pop(height);
-    return push(new UnaryOpNode(op, operand, line), height + 1);
+    return push(new UnaryOpNode(op, operand, line), height + 1, position);
 }
 
-bool KelParserProtocol::variable(const std::string& name, int line) {
-    return push(new VariableNode(name, line), 1);
+bool KelParserProtocol::variable(const std::string& name, int line, const PebSourcePosition& position) {
+    return push(new VariableNode(name, line), 1, position);
 }
 
-bool KelParserProtocol::whileLoop(int line) {
+bool KelParserProtocol::whileLoop(int line, const PebSourcePosition& position) {
     int bodyHeight, conditionHeight;
     KelBlockPtr body = rcCheckedCast<StatementBlockNode>(pop(bodyHeight));
     RCShdPtr<KelSyntaxTree> condition = pop(conditionHeight);
-    return push(new WhileNode(condition, body, line), std::max(bodyHeight, conditionHeight) + 1);
+    return push(new WhileNode(condition, body, line), std::max(bodyHeight, conditionHeight) + 1, position);
 }
 
 RCShdPtr<KelSyntaxTree> KelParserProtocol::root() {
@@ -201,7 +216,9 @@ RCShdPtr<KelSyntaxTree> KelParserProtocol::root() {
 }
 
 void kelParserError(KelParserProtocol& protocol, const std::string& text) {
-    if (text == "parser stack overflow" || text == "memory exhausted") protocol.addError("Error: Script too long", 0);
+    protocol.stoppedAt(kelStopPosition());
+    if (text == "parser stack overflow" || text == "memory exhausted")
+        protocol.addError("Error: Script too long", 0, kelStopPosition());
 }
 
 std::string kelSyntaxMessage(const char* text, int line) {
@@ -231,7 +248,8 @@ bool parseScript(KelParserProtocol& protocol, std::istream& input) {
             result = kelparse(protocol);
         } catch (const KelUnterminatedComment& unterminated) {
             // An unterminated block comment fails the parse (kel.l) rather than hang it.
-            protocol.addError(kelSyntaxMessage("Unterminated comment", unterminated.line), unterminated.line);
+            protocol.addError(kelSyntaxMessage("Unterminated comment", unterminated.line), unterminated.line,
+                              unterminated.opening);
             result = 1;
         }
     }
@@ -243,9 +261,9 @@ std::vector<KelToken> kelTokenize(std::istream& input) {
     std::vector<KelToken> tokens;
     // As the parser holds them: one text string kept between tokens, a line starting at 1.
     std::string text;
-    int line = 1;
+    int line = 1, column = 1;
     for (;;) {
-        int code = kelScanToken(text, line);
+        int code = kelScanToken(text, line, column);
         tokens.push_back({code, text, line});
         if (code == 0) return tokens;
     }
