@@ -179,9 +179,12 @@ void explainSyntax(const SourceLines& source, Diagnostic& d) {
     for (const MissingForm& form : missingForms()) {
         for (auto it = std::sregex_iterator(code.begin(), code.end(), form.pattern); it != std::sregex_iterator(); ++it) {
             const int start = int(it->position()) + 1, end = start + int(it->length());
-            // The parser stops at the form itself, or inside a number at its exponent's `e`.
-            if (d.column > 0 && (d.column < start || d.column >= end)) continue;
-            if (d.column == 0) {
+            // The parser stops at the form itself, inside a number at its exponent's `e`, or at
+            // the token after a character that the scanner passed over.
+            const std::size_t next = code.find_first_not_of(" \t", std::size_t(end - 1));
+            const int after = next == std::string::npos ? int(code.size()) + 1 : int(next) + 1;
+            if (d.column > 0 && (d.column < start || (d.column >= end && d.column != after))) continue;
+            if (d.column == 0 || d.column >= end) {  // point at the form, not past it
                 d.column = start;
                 d.length = std::size_t(it->length());
             }

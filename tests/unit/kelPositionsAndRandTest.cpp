@@ -1,10 +1,9 @@
 // Where compilation errors point (the token an error names, or where the parser stopped), and
 // what rand() depends on beyond what the golden scripts show: the frame, not the frames rendered
-// before it; the seed and the time; and for each column only its own history under masks.
+// before it; the seed and the time.
 #include <gtest/gtest.h>
 
 #include "kelEvalTestSupport.h"
-#include "kelFunctionTestSupport.h"
 
 using namespace Zt;
 using namespace Zt::test;
@@ -121,29 +120,6 @@ TEST(KelRandReproducible, SeedAndTimeChooseTheNumbers) {
     std::vector<Color> later = renderer.frame(8, 3, 4, 4);
     for (Color& c : later) c.b = 7;  // t itself is in the picture
     EXPECT_GE(differing(later, base), kWidth * kHeight - 1);
-}
-
-// A column's n-th draw from a call is the same whatever the mask did to the other columns, and a
-// column that was inactive has drawn nothing: its first number comes when it is first active.
-TEST(KelRandReproducible, AColumnCountsOnlyItsOwnDraws) {
-    const std::vector<float> active = {1, 0, 1, 1, 0, 0, 1, 0};
-    CallHarness all(10, 18), masked(10, 18);
-    auto node = all.call<FunctionRand>("rand", {});
-    const std::vector<float> first = CallHarness::row(node->eval(all.context));
-    const std::vector<float> second = CallHarness::row(node->eval(all.context));
-
-    const KelMask full = masked.context.getMask();
-    masked.narrowTo(active);
-    masked.prefillFloat(-1.0f);
-    const std::vector<float> underMask = CallHarness::row(node->eval(masked.context));
-    masked.context.setMask(full);
-    const std::vector<float> after = CallHarness::row(node->eval(masked.context));
-    for (std::size_t i = 0; i < active.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(underMask[i], active[i] != 0 ? first[i] : -1.0f);
-        EXPECT_EQ(after[i], active[i] != 0 ? second[i] : first[i]);
-    }
-    EXPECT_NE(first, second);
 }
 
 }  // namespace
