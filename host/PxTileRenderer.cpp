@@ -46,8 +46,11 @@ PxRenderedImage PxTileRenderer::render(const PxImageProtocol& node, const GeRect
     auto lastReport = std::chrono::steady_clock::now();
     if (_progress) _progress(0, total);
 
+    // Tiles may be made over the image's own rows (PxTileDestination): their rows need no copy.
+    const PxTileDestination frame{image.pixels.data(), rect.width(), rect};
     auto renderTile = [&](std::size_t i) {
         PxImageContext tileContext = context;
+        tileContext.destination = &frame;
         tileContext.tileX = tx0 + int(i % columns);
         tileContext.tileY = ty0 + int(i / columns);
         const PxImageResult result = node.getImage(tileContext);
@@ -56,8 +59,8 @@ PxRenderedImage PxTileRenderer::render(const PxImageProtocol& node, const GeRect
         const GeRectangle<int>& r = tile.getRect();
         const int x0 = std::max(r.xMin, rect.xMin), x1 = std::min(r.xMax, rect.xMax);
         for (int y = std::max(r.yMin, rect.yMin); x0 < x1 && y < std::min(r.yMax, rect.yMax); ++y)
-            std::copy(tile.row(y) + (x0 - r.xMin), tile.row(y) + (x1 - r.xMin),
-                      image.pixels.begin() + std::ptrdiff_t(y - rect.yMin) * rect.width() + (x0 - rect.xMin));
+            if (tile.row(y) + (x0 - r.xMin) != frame.at(x0, y))
+                std::copy(tile.row(y) + (x0 - r.xMin), tile.row(y) + (x1 - r.xMin), frame.at(x0, y));
         {
             std::lock_guard lock(mutex);
             result.reduceVI(image.validity);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "kelGraph.h"
+#include "kelProgram.h"
 
 namespace Zt {
 
@@ -20,6 +21,10 @@ namespace Zt {
 // `writtenParameter` (mode 1, the function writes to that argument).
 void kelDeclareOverload(FunctionCallNode& node, int overload, int returnType, std::initializer_list<int> parameterTypes,
                         int writtenParameter = -1);
+
+// The strip form of a built-in whose arguments are all values: the arguments first to last,
+// then `kernel` over them (KelFunction::rows, the same code that its `eval` runs over the row).
+int kelCompileCall(const FunctionCallNode& node, KelProgramBuilder& program, KelRowKernel kernel, int resultType);
 
 // ---- Math ---------------------------------------------------------------------------------------
 
@@ -29,6 +34,8 @@ template <class Op>
 struct KelMathFunction {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 
 // The per-pixel formulas, defined in kelFunctionsMath.cpp.
@@ -73,6 +80,8 @@ template <int Channel>
 struct KelChannelReader {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 // `setR` .. `setA` (and `setX` .. `setW`): writes the channel of its first argument in place at
 // the active columns, and returns nothing (void, type 5).
@@ -95,12 +104,16 @@ using FunctionSetA = KelChannelSetter<3>;
 struct FunctionNewColor {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 
 // `dot(p, q)`: four-channel dot product at the active columns; inactive columns stay 0.0.
 struct FunctionDot {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 
 // ---- Image queries and sampling -----------------------------------------------------------------
@@ -143,6 +156,9 @@ struct FunctionIsSame {
 struct FunctionSample {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    // An input image's current pixel is its row; sampling at coordinates goes through its sampler.
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 
 // ---- Noise and random numbers -------------------------------------------------------------------
@@ -151,6 +167,8 @@ struct FunctionSample {
 struct FunctionNoise3D {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 
 // `rand()`: one number of the C runtime's generator per active column, left to right.
