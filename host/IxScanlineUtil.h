@@ -236,7 +236,14 @@ KEL_IVDEP
         D* d = dest.data();
         const S* s = src.data();
         if (!condition) {
-            for (int x = lo; x < hi; ++x) f(d[x], s[x]);
+            int x = lo;
+            if constexpr (std::is_same_v<D, float> && std::is_same_v<S, float>) {
+                for (; x + kBlock <= hi; x += kBlock) {
+KEL_IVDEP
+                    for (int i = 0; i < kBlock; ++i) f(d[x + i], s[x + i]);
+                }
+            }
+            for (; x < hi; ++x) f(d[x], s[x]);
             return;
         }
         const float* c = condition->data();

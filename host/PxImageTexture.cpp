@@ -23,6 +23,7 @@
 #include <cmath>
 #include <vector>
 
+#include "IxScanlineUtil.h"
 #include "PxImage.h"
 
 namespace Zt {
@@ -83,18 +84,19 @@ public:
     }
 
     void sampleAt(Color& result, const double coords[2], const GeLinearMatrix2<double>&) const override {
-        result = sample(coords[0], coords[1]);
+        TileCache cache;
+        result = sample(coords[0], coords[1], cache);
     }
 
-    // The same colours as sampleAt, without a virtual call per pixel.
+    // The same colours as sampleAt, without a virtual call per pixel. A row whose positions share
+    // one y, in a mapping that keeps rows (every mapping the interpreter makes), works out that
+    // y's part of the filter once for the row.
     void sampleRow(Color* out, const float* xs, const float* ys, const float* active, int lo, int hi) const override {
-        if (sampleShiftedRow(out, xs, ys, active, lo, hi)) return;
-        if (!active) {
-            for (int x = lo; x < hi; ++x) out[x] = sample(double(xs[x]), double(ys[x]));
-            return;
-        }
+        if (lo >= hi || sampleShiftedRow(out, xs, ys, active, lo, hi)) return;
+        TileCache cache;
+        if (_toTexelY[0] == 0.0 && sharesOneValue(ys, lo, hi)) return sampleAlongRow(out, xs, ys[lo], active, lo, hi, cache);
         for (int x = lo; x < hi; ++x)
-            if (active[x] != 0.0f) out[x] = sample(double(xs[x]), double(ys[x]));
+            if (!active || active[x] != 0.0f) out[x] = sample(double(xs[x]), double(ys[x]), cache);
     }
 
 private:
@@ -110,7 +112,18 @@ private:
         const float y = ys[lo], first = xs[lo];
         if (!(std::fabs(y) < kExact && std::fabs(first) < kExact && y == std::floor(y) && first == std::floor(first)))
             return false;
-        for (int x = lo; x < hi; ++x)
+        // Blocks of eight without a branch, as the scanline operations go: this test runs for
+        // every row of positions that the sampler is given.
+        constexpr int kBlock = 8;
+        int x = lo;
+        for (; x + kBlock <= hi; x += kBlock) {
+            const float base = first + float(x - lo);
+            int off = 0;
+KEL_IVDEP
+            for (int i = 0; i < kBlock; ++i) off |= int(ys[x + i] != y) | int(xs[x + i] != base + float(i));
+            if (off) return false;
+        }
+        for (; x < hi; ++x)
             if (ys[x] != y || xs[x] != first + float(x - lo)) return false;
         const int row = int(y), shift = int(first) - lo;  // column x reads pixel x + shift
         auto put = [&](int x, const Color& c) {
@@ -136,23 +149,83 @@ private:
         return true;
     }
 
+    // The filter's view of one texel coordinate: whether a tap reaches the image, the coordinate
+    // clamped and snapped, its first tap and the weight of the second.
+    struct Axis {
+        bool reaches = false;
+        double c = 0.0;
+        int first = 0;
+        float weight = 0.0f;
+    };
+    static Axis axis(double t, int lo, int hi, int wrapMode) {
+        Axis a;
+        a.reaches = reachesImage(t, lo, hi, wrapMode);
+        if (!a.reaches) return a;
+        a.c = snapTexel(clampTexel(t, lo, hi));
+        a.first = floorToInt(a.c);
+        a.weight = float(a.c - double(a.first));
+        return a;
+    }
+
+    // The fetched tile that the last footprint lay in, so that the next one, mostly in the same
+    // tile, finds it without the lookup.
+    struct TileCache {
+        int i = 0, j = 0;
+        const IxTile* tile = nullptr;
+    };
+
+    static bool sharesOneValue(const float* v, int lo, int hi) {
+        constexpr int kBlock = 8;
+        const float first = v[lo];
+        int x = lo;
+        for (; x + kBlock <= hi; x += kBlock) {
+            int differs = 0;
+KEL_IVDEP
+            for (int i = 0; i < kBlock; ++i) differs |= int(v[x + i] != first);
+            if (differs) return false;
+        }
+        for (; x < hi; ++x)
+            if (v[x] != first) return false;
+        return !std::isnan(first);
+    }
+
+    // ys[x] == y for every column: the vertical part is the same for all. With a mapping that keeps
+    // rows, ty = x * 0 + y * m + c, where x * 0 is a zero, whose sign changes no weight, or, for a
+    // position that is not finite, NaN, which reads nothing.
+    void sampleAlongRow(Color* out, const float* xs, float y, const float* active, int lo, int hi, TileCache& cache) const {
+        const double yd = double(y);
+        const Axis ay = axis(0.0 + yd * _toTexelY[1] + _toTexelY[2], _pixels.yMin, _pixels.yMax, _params.wrapModeT);
+        const double yTerm = yd * _toTexelX[1];
+        for (int x = lo; x < hi; ++x) {
+            if (active && active[x] == 0.0f) continue;
+            if (!ay.reaches || !std::isfinite(xs[x])) {
+                out[x] = Color::ZERO;
+                continue;
+            }
+            const Axis ax = axis(double(xs[x]) * _toTexelX[0] + yTerm + _toTexelX[2], _pixels.xMin, _pixels.xMax, _params.wrapModeS);
+            out[x] = ax.reaches ? filter(ax, ay, cache) : Color::ZERO;
+        }
+    }
+
     // Inlined into sampleRow: a colour returned through the stack per pixel cost a third of E7.
-    [[gnu::always_inline]] inline Color sample(double x, double y) const {
+    [[gnu::always_inline]] inline Color sample(double x, double y, TileCache& cache) const {
         const double tx = x * _toTexelX[0] + y * _toTexelX[1] + _toTexelX[2];
         const double ty = x * _toTexelY[0] + y * _toTexelY[1] + _toTexelY[2];
-        if (!reachesImage(tx, _pixels.xMin, _pixels.xMax, _params.wrapModeS) ||
-            !reachesImage(ty, _pixels.yMin, _pixels.yMax, _params.wrapModeT))
-            return Color::ZERO;
-        const double cx = snapTexel(clampTexel(tx, _pixels.xMin, _pixels.xMax));
-        const double cy = snapTexel(clampTexel(ty, _pixels.yMin, _pixels.yMax));
-        if (_params.filterMode != 1) return texel(floorToInt(cx + 0.5), floorToInt(cy + 0.5));
-        const int x0 = floorToInt(cx), y0 = floorToInt(cy);
-        const float fx = float(cx - double(x0)), fy = float(cy - double(y0));
+        const Axis ax = axis(tx, _pixels.xMin, _pixels.xMax, _params.wrapModeS);
+        const Axis ay = axis(ty, _pixels.yMin, _pixels.yMax, _params.wrapModeT);
+        if (!ax.reaches || !ay.reaches) return Color::ZERO;
+        return filter(ax, ay, cache);
+    }
+
+    [[gnu::always_inline]] inline Color filter(const Axis& ax, const Axis& ay, TileCache& cache) const {
+        if (_params.filterMode != 1) return texel(floorToInt(ax.c + 0.5), floorToInt(ay.c + 0.5));
+        const int x0 = ax.first, y0 = ay.first;
+        const float fx = ax.weight, fy = ay.weight;
         // Taps of weight zero are skipped, so that a sample on a pixel centre is that pixel
         // exactly even beside an infinite or NaN neighbour.
         const Color* below = nullptr;
         const Color* above = nullptr;
-        if (footprintInOneTile(x0, y0, below, above)) {
+        if (footprintInOneTile(x0, y0, below, above, cache)) {
             // The usual case, without the per-tap checks of texel: the same four pixels.
             Color acc = below[0] * ((1.0f - fx) * (1.0f - fy));
             if (fx != 0.0f) acc = acc + below[1] * (fx * (1.0f - fy));
@@ -169,11 +242,12 @@ private:
 
     // True when pixels (x0, y0) to (x0 + 1, y0 + 1) all lie inside the image and inside one
     // fetched tile, whose rows y0 and y0 + 1 then start at `below` and `above` (at column x0).
-    bool footprintInOneTile(int x0, int y0, const Color*& below, const Color*& above) const {
+    bool footprintInOneTile(int x0, int y0, const Color*& below, const Color*& above, TileCache& cache) const {
         if (x0 < _pixels.xMin || x0 + 1 >= _pixels.xMax || y0 < _pixels.yMin || y0 + 1 >= _pixels.yMax) return false;
         const int i = floorDiv(x0, kTileWidth), j = floorDiv(y0, kTileHeight);
         if (floorDiv(x0 + 1, kTileWidth) != i || floorDiv(y0 + 1, kTileHeight) != j) return false;
-        const IxTile& tile = tileAt(i, j);
+        if (!cache.tile || cache.i != i || cache.j != j) cache = {i, j, &tileAt(i, j)};
+        const IxTile& tile = *cache.tile;
         const GeRectangle<int>& r = tile.getRect();
         if (x0 < r.xMin || x0 + 1 >= r.xMax || y0 < r.yMin || y0 + 1 >= r.yMax) return false;
         below = tile.row(y0) + (x0 - r.xMin);
