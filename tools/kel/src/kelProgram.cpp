@@ -7,16 +7,20 @@
 #include <span>
 
 #if defined(__SSE2__)
-#include <xmmintrin.h>
+#include <emmintrin.h>
 #endif
 
 namespace Zt {
 
 namespace {
 
-// Columns per strip: the rows of a program's temporaries over one strip (a kilobyte of floats,
-// four of colours) stay in the first-level cache from one operation to the next.
-constexpr int kStripWidth = 256;
+// Columns per strip. Straight statements take narrow strips: what a strip reads and writes stays
+// in the first-level cache, and the input's next columns arrive while this strip's are
+// computed (kelEffects: E2 1.5 at 64 or 128 columns, 1.75 at 256). A loop's every pass goes
+// over its strip's instructions again, so loops take wide strips, which that overhead weighs on
+// less (E6 1.35 at 512 or more columns, 1.5 at 256, 2.3 at 64; E8 alike).
+constexpr int kStraightStripWidth = 64;
+constexpr int kLoopStripWidth = 512;
 
 bool isValueType(int type) { return type == KelValueTypes::Float || type == KelValueTypes::Color; }
 
@@ -37,52 +41,151 @@ void runCall(const KelInstruction& in, KelProgramRun& run, void* destination, co
     reinterpret_cast<KelRowKernel>(in.operation)(call);
 }
 
+// ---- Chains of colour arithmetic ----------------------------------------------------------------
+
+// A colour as four lanes: the language's colour operations (CoColor.h) are lane by lane, so one
+// SIMD instruction gives the four channels' bits. A float operand is that float in every lane,
+// which gives the bits of the mixed form. Without SSE, the colour operators themselves.
+#if defined(__SSE2__)
+using Lanes = __m128;
+inline Lanes lanesOf(const Color& c) { return _mm_loadu_ps(&c.r); }
+inline Lanes lanesOf(float f) { return _mm_set1_ps(f); }
+inline void store(Color& c, Lanes v) { _mm_storeu_ps(&c.r, v); }
+template <int Op>
+Lanes combine(Lanes p, Lanes q) {
+    if constexpr (Op == 0) return _mm_add_ps(p, q);
+    if constexpr (Op == 1) return _mm_sub_ps(p, q);
+    if constexpr (Op == 2) return _mm_mul_ps(p, q);
+    return _mm_div_ps(p, q);
+}
+#else
+using Lanes = Color;
+inline Lanes lanesOf(const Color& c) { return c; }
+inline Lanes lanesOf(float f) { return Color(f); }
+inline void store(Color& c, Lanes v) { c = v; }
+template <int Op>
+Lanes combine(const Lanes& p, const Lanes& q) {
+    if constexpr (Op == 0) return p + q;
+    if constexpr (Op == 1) return p - q;
+    if constexpr (Op == 2) return p * q;
+    return p / q;
+}
+#endif
+
+// One link over a block of N running colours, whose operands get(i) gives.
+template <int N, int Op, bool Right, class Get>
+[[gnu::always_inline]] inline void chainLink(Lanes* acc, Get get) {
+#pragma GCC unroll 8
+    for (int i = 0; i < N; ++i) acc[i] = Right ? combine<Op>(get(i), acc[i]) : combine<Op>(acc[i], get(i));
+}
+
+template <int N, class Get>
+[[gnu::always_inline]] inline void chainLink(const KelInstruction::Link& link, Lanes* acc, Get get) {
+    switch (link.op * 2 + int(link.onRight)) {
+        case 0: return chainLink<N, 0, false>(acc, get);
+        case 1: return chainLink<N, 0, true>(acc, get);
+        case 2: return chainLink<N, 1, false>(acc, get);
+        case 3: return chainLink<N, 1, true>(acc, get);
+        case 4: return chainLink<N, 2, false>(acc, get);
+        case 5: return chainLink<N, 2, true>(acc, get);
+        case 6: return chainLink<N, 3, false>(acc, get);
+        default: return chainLink<N, 3, true>(acc, get);
+    }
+}
+
+// The operands of a chain's links over one strip.
+struct ChainOperands {
+    const Color* colors[KelInstruction::kMaxLinks] = {};
+    const float* floats[KelInstruction::kMaxLinks] = {};
+    Lanes uniform[KelInstruction::kMaxLinks];
+};
+
+// Columns x to x + N - 1 of the chain: the running colours stay in registers from the first
+// operation to the last.
+template <int N>
+[[gnu::always_inline]] inline void chainBlock(const KelInstruction& in, const ChainOperands& operands, const Color* a,
+                                              Color* d, int x) {
+    Lanes acc[N];
+#pragma GCC unroll 8
+    for (int i = 0; i < N; ++i) acc[i] = lanesOf(a[x + i]);
+    for (int k = 0; k < in.linkCount; ++k) {
+        const KelInstruction::Link& link = in.links[k];
+        if (link.operand == 0) {
+            const Color* c = operands.colors[k] + x;
+            chainLink<N>(link, acc, [c](int i) { return lanesOf(c[i]); });
+        } else if (link.operand == 1) {
+            const float* f = operands.floats[k] + x;
+            chainLink<N>(link, acc, [f](int i) { return lanesOf(f[i]); });
+        } else {
+            const Lanes u = operands.uniform[k];
+            chainLink<N>(link, acc, [u](int) { return u; });
+        }
+    }
+#pragma GCC unroll 8
+    for (int i = 0; i < N; ++i) store(d[x + i], acc[i]);
+}
+
+// The chain over the strip, eight columns at a time and the rest one at a time: the strip is
+// read and written once, where one operation after another would write and read it again for
+// each.
+void runChain(const KelInstruction& in, KelProgramRun& run, void* destination, const GeInterval<int>& strip,
+              const KelStripMask&) {
+    Color* d = static_cast<IxScanline<Color>*>(destination)->data();
+    const Color* a = run.row<Color>(in.operands[0]).data();
+    ChainOperands operands;
+    for (int k = 0; k < in.linkCount; ++k) {
+        const int slot = in.operands[k + 1];
+        switch (in.links[k].operand) {
+            case 0: operands.colors[k] = run.row<Color>(slot).data(); break;
+            case 1: operands.floats[k] = run.row<float>(slot).data(); break;
+            case 2: operands.uniform[k] = lanesOf(run.row<Color>(slot).data()[strip.min]); break;
+            default: operands.uniform[k] = lanesOf(run.row<float>(slot).data()[strip.min]); break;
+        }
+    }
+    int x = strip.min;
+    for (; x + 8 <= strip.max; x += 8) chainBlock<8>(in, operands, a, d, x);
+    for (; x < strip.max; ++x) chainBlock<1>(in, operands, a, d, x);
+}
+
 // `mask` narrowed by the condition (invert: by its negation) over the strip, into `out`; the
-// same rule as KelMask::narrow, a NaN condition counting as true. Blocks of eight columns
-// without a branch, as the scanline operations go.
+// same rule as KelMask::narrow, a NaN condition counting as true. Four columns at a time, as
+// `narrow` goes, with the count of active columns and their span (to the group of four) on the
+// way.
 KelStripMask narrowStrip(const KelStripMask& mask, const IxScanline<float>& condition, bool invert, IxScanline<float>& out,
                          const GeInterval<int>& strip) {
+    const float* m = mask.all ? nullptr : mask.row->data();
     const float* c = condition.data();
     float* o = out.data();
-    const float taken = invert ? 0.0f : 1.0f, left = invert ? 1.0f : 0.0f;
-    // A count of active columns, exact in float (a strip is far below 2^24 columns), and the
-    // first and last block that holds one.
-    float active = 0.0f;
-    int first = strip.max, last = strip.min;
-    auto narrow = [&](auto keepAt) {
-        constexpr int kBlock = 8;
-        int x = strip.min;
-        for (; x + kBlock <= strip.max; x += kBlock) {
-            float count = 0.0f;
-KEL_IVDEP
-            for (int i = 0; i < kBlock; ++i) {
-                const float keep = keepAt(x + i);
-                o[x + i] = keep;
-                count += keep;
-            }
-            if (count > 0.0f) {
-                first = std::min(first, x);
-                last = x + kBlock;
-                active += count;
-            }
-        }
-        for (; x < strip.max; ++x) {
-            o[x] = keepAt(x);
-            if (o[x] != 0.0f) {
-                first = std::min(first, x);
-                last = x + 1;
-                active += 1.0f;
-            }
-        }
-    };
-    if (mask.all) {
-        narrow([&](int x) { return c[x] != 0.0f ? taken : left; });
-    } else {
-        const float* m = mask.row->data();
-        narrow([&](int x) { return m[x] != 0.0f ? (c[x] != 0.0f ? taken : left) : 0.0f; });
+    float active = 0.0f;  // exact: a strip is far below 2^24 columns
+    int first = strip.max, last = strip.min;  // of the groups that hold an active column
+    int x = strip.min;
+#if defined(__SSE2__)
+    const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
+    const __m128 flip = invert ? _mm_castsi128_ps(_mm_set1_epi32(-1)) : zero;
+    __m128 count = zero;
+    for (; x + 4 <= strip.max; x += 4) {
+        __m128 keep = _mm_xor_ps(_mm_cmpneq_ps(_mm_loadu_ps(c + x), zero), flip);  // NaN counts as non-zero
+        if (m) keep = _mm_and_ps(keep, _mm_cmpneq_ps(_mm_loadu_ps(m + x), zero));
+        const __m128 ones = _mm_and_ps(keep, one);
+        _mm_storeu_ps(o + x, ones);
+        count = _mm_add_ps(count, ones);
+        const bool held = _mm_movemask_ps(keep) != 0;
+        first = held && first == strip.max ? x : first;
+        last = held ? x + 4 : last;
     }
-    const bool all = active == float(strip.size());
-    return {all ? nullptr : &out, all, active > 0.0f, GeInterval<int>(first, std::max(first, last))};
+    float lanes[4];
+    _mm_storeu_ps(lanes, count);
+    active = (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
+#endif
+    for (; x < strip.max; ++x) {
+        const bool keep = (!m || m[x] != 0.0f) && ((c[x] != 0.0f) != invert);
+        o[x] = keep ? 1.0f : 0.0f;
+        active += o[x];
+        first = keep && first == strip.max ? x : first;
+        last = keep ? x + 1 : last;
+    }
+    const bool all = active == float(strip.size()), any = active > 0.0f;
+    return {all ? nullptr : &out, all, any, GeInterval<int>(first, std::max(first, last))};
 }
 
 }  // namespace
@@ -143,7 +246,8 @@ std::unique_ptr<KelProgram> KelProgramBuilder::finish() {
 
 void KelProgramBuilder::begin() {
     _mark = {_program->_slots.size(), _program->_code.size(), _program->_declared.size(), _program->_images.size(),
-             _program->_stored.size(),  _program->_maskCount,   _freeTemporaries,           _openControl.size()};
+             _program->_stored.size(),  _program->_maskCount,   _freeTemporaries,           _openControl.size(),
+             _program->_hasLoop};
 }
 
 void KelProgramBuilder::commit() {}
@@ -158,6 +262,7 @@ void KelProgramBuilder::rollBack() {
     _program->_maskCount = _mark.masks;
     _freeTemporaries = _mark.freeTemporaries;
     _openControl.resize(_mark.openControl);
+    _program->_hasLoop = _mark.hasLoop;
 }
 
 int KelProgramBuilder::newSlot(const KelSlot& slot) {
@@ -241,6 +346,60 @@ int KelProgramBuilder::step(KelInstruction::Run run, KelInstruction::AnyFunction
     _program->_code.push_back(in);
     for (const int operand : std::span(operands, count)) release(operand);
     return in.result;
+}
+
+int KelProgramBuilder::colorArithmetic(KelInstruction::AnyFunction operation, int a, int b) {
+    using U = IxScanlineUtil;
+    using C = Color;
+    using F = float;
+    // Each colour form of the arithmetic operators: its link operation, and which operands are
+    // colours.
+    struct Form {
+        KelInstruction::AnyFunction operation;
+        uint8_t op;
+        bool leftColor, rightColor;
+    };
+    auto any = [](auto f) { return reinterpret_cast<KelInstruction::AnyFunction>(f); };
+    // clang-format off
+    static const Form kForms[] = {
+        {any(&U::addScanlines<C, C, C>),      0, true,  true}, {any(&U::addScanlines<C, C, F>),      0, true,  false},
+        {any(&U::addScanlines<C, F, C>),      0, false, true}, {any(&U::subtractScanlines<C, C, C>), 1, true,  true},
+        {any(&U::subtractScanlines<C, C, F>), 1, true,  false}, {any(&U::subtractScanlines<C, F, C>), 1, false, true},
+        {any(&U::multiplyScanlines<C, C, C>), 2, true,  true}, {any(&U::multiplyScanlines<C, C, F>), 2, true,  false},
+        {any(&U::multiplyScanlines<C, F, C>), 2, false, true}, {any(&U::divideScanlines<C, C, C>),   3, true,  true},
+        {any(&U::divideScanlines<C, C, F>),   3, true,  false}, {any(&U::divideScanlines<C, F, C>),   3, false, true},
+    };
+    // clang-format on
+    const Form* form = nullptr;
+    for (const Form& f : kForms)
+        if (f.operation == operation) form = &f;
+    if (!form) return kNotArithmetic;
+    if (a < 0 || b < 0) return kFails;
+    auto kindOf = [&](int slot, bool color) -> uint8_t { return uint8_t((color ? 0 : 1) + (isConstant(slot) ? 2 : 0)); };
+    std::vector<KelInstruction>& code = _program->_code;
+    // The chain that computed one operand just before takes this operation as its next link.
+    if (!code.empty()) {
+        KelInstruction& last = code.back();
+        const bool extends = last.run == &runChain && !last.constant && last.linkCount < KelInstruction::kMaxLinks;
+        const bool left = extends && last.result == a && form->leftColor;
+        const bool right = extends && !left && last.result == b && form->rightColor;
+        if (left || right) {
+            const int operand = left ? b : a;
+            if (operand == last.result) return kFails;  // never: a temporary has one use
+            last.links[last.linkCount] = {form->op, kindOf(operand, left ? form->rightColor : form->leftColor), right};
+            last.operands[++last.linkCount] = operand;
+            release(operand);
+            return last.result;
+        }
+    }
+    const bool accumulatorLeft = form->leftColor;
+    const int operands[] = {accumulatorLeft ? a : b, accumulatorLeft ? b : a};
+    const int result = step(&runChain, nullptr, KelValueTypes::Color, operands, 2);
+    if (result < 0) return result;
+    KelInstruction& chain = code.back();
+    chain.links[0] = {form->op, kindOf(operands[1], accumulatorLeft ? form->rightColor : form->leftColor), !accumulatorLeft};
+    chain.linkCount = 1;
+    return result;
 }
 
 int KelProgramBuilder::call(KelRowKernel kernel, int resultType, const std::vector<int>& arguments, int image) {
@@ -349,6 +508,7 @@ void KelProgramBuilder::endIf() {
 }
 
 void KelProgramBuilder::beginLoop() {
+    _program->_hasLoop = true;
     KelInstruction in;
     in.kind = KelInstruction::Kind::Loop;
     in.masks[0] = _program->_maskCount++;
@@ -451,8 +611,9 @@ void KelProgramRun::run(KelContext& context) {
     if (mask.noneActive()) return;  // no store can happen; declarations are out of sight
     const GeInterval<int> columns = mask.allActive() ? context.getInterval() : *mask.activeSpan();
     const float* m = mask.getScanline().data();
-    for (int lo = columns.min; lo < columns.max; lo += kStripWidth) {
-        const GeInterval<int> strip(lo, std::min(lo + kStripWidth, columns.max));
+    const int width = _program.hasLoop() ? kLoopStripWidth : kStraightStripWidth;
+    for (int lo = columns.min; lo < columns.max; lo += width) {
+        const GeInterval<int> strip(lo, std::min(lo + width, columns.max));
         KelStripMask stripMask;
         stripMask.span = strip;
         if (!mask.allActive()) {
@@ -476,6 +637,7 @@ void KelProgramRun::run(KelContext& context) {
 // stores are a select per block already.
 bool KelProgramRun::fewRuns(const KelStripMask& mask, const GeInterval<int>& strip) {
     constexpr std::size_t kMaxRuns = 8;
+    if (mask.runs > int(kMaxRuns)) return false;
     const float* m = mask.row->data();
     _runs.clear();
     bool inRun = false;

@@ -18,6 +18,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "kelContext.h"
@@ -45,6 +46,7 @@ struct KelStripMask {
     bool all = true;
     bool any = true;
     GeInterval<int> span;
+    int runs = -1;  // of active columns, when known
 };
 
 // One instruction. Steps and stores carry a typed thunk (`run`) and the operation it calls;
@@ -66,6 +68,16 @@ struct KelInstruction {
     bool unmasked = false;   // Store: the first of a variable just declared, so at every column
     bool constant = false;   // Step: all operands constant; run once a tile, not per strip
     int masks[2] = {-1, -1};  // If: then and else masks; Loop: the loop's mask
+    // A chain of colour arithmetic: the running colour starts as operands[0] and each link
+    // combines it with the next operand (kelProgram.cpp).
+    struct Link {
+        uint8_t op = 0;        // 0 +, 1 -, 2 *, 3 /
+        uint8_t operand = 0;   // 0 a colour row, 1 a float row, 2 a uniform colour, 3 a uniform float
+        bool onRight = false;  // the running colour is the right operand
+    };
+    static constexpr int kMaxLinks = 3;
+    Link links[kMaxLinks];
+    int linkCount = 0;
     int partAt = -1;         // If: its Else (or EndIf); Loop: its LoopTest
     int endAt = -1;          // If: its EndIf; Loop: its EndLoop
 };
@@ -94,6 +106,7 @@ public:
     const std::vector<int>& images() const { return _images; }
     const std::vector<int>& storedVariables() const { return _stored; }
     int maskCount() const { return _maskCount; }
+    bool hasLoop() const { return _hasLoop; }
 
     // True when, run under a full mask, the program stores into every column of `variable`
     // before anything reads it: the variable's old contents cannot show.
@@ -110,6 +123,7 @@ private:
     std::vector<int> _images;  // slots of kind Image that calls read through
     std::vector<int> _stored;  // variable ids that stores write
     int _maskCount = 0;
+    bool _hasLoop = false;
 };
 
 // What the compilation needs to know of the script: the type of each variable id (from the
@@ -155,8 +169,13 @@ public:
     template <class D, class A, class B>
     int binary(void (*operation)(IxScanline<D>&, const IxScanline<A>&, const IxScanline<B>&, const GeInterval<int>*),
                int a, int b) {
+        const auto any = reinterpret_cast<KelInstruction::AnyFunction>(operation);
+        if constexpr (std::is_same_v<D, Color>) if (!getenv("KEL_NOCHAIN")) {
+            const int chained = colorArithmetic(any, a, b);
+            if (chained != kNotArithmetic) return chained;
+        }
         const int operands[] = {a, b};
-        return step(&runBinary<D, A, B>, reinterpret_cast<KelInstruction::AnyFunction>(operation), typeNumber<D>(), operands, 2);
+        return step(&runBinary<D, A, B>, any, typeNumber<D>(), operands, 2);
     }
     template <class D, class S>
     int unary(void (*operation)(IxScanline<D>&, const IxScanline<S>&, const GeInterval<int>*), int a) {
@@ -201,6 +220,10 @@ private:
 
     int step(KelInstruction::Run run, KelInstruction::AnyFunction operation, int resultType, const int* operands,
              std::size_t count);
+    // Colour arithmetic goes into chains: a link added to the chain that gave one operand just
+    // before, or a new chain. kNotArithmetic for any other operation.
+    static constexpr int kNotArithmetic = -3;
+    int colorArithmetic(KelInstruction::AnyFunction operation, int a, int b);
     int addStore(KelInstruction::Run run, KelInstruction::AnyFunction operation, int variable, int value,
                  bool plainAssignment, bool direct);
     int newSlot(const KelSlot& slot);
@@ -220,6 +243,7 @@ private:
         int masks;
         std::vector<int> freeTemporaries;
         std::size_t openControl;
+        bool hasLoop;
     } _mark{};
 };
 
