@@ -140,9 +140,13 @@ KEL_IVDEP
             const GeRectangle<int>& r = tile.getRect();
             if (row >= r.yMin && row < r.yMax && x + shift >= r.xMin && end + shift <= r.xMax) {
                 const Color* pixels = tile.row(row) + (shift - r.xMin);
-                for (; x < end; ++x) put(x, pixels[x] * 1.0f);
+                if (!active) {
+                    for (; x < end; ++x) out[x] = pixels[x] * _unitWeight;
+                } else {
+                    for (; x < end; ++x) put(x, pixels[x] * _unitWeight);
+                }
             } else {
-                for (; x < end; ++x) put(x, texel(x + shift, row) * 1.0f);
+                for (; x < end; ++x) put(x, texel(x + shift, row) * _unitWeight);
             }
         }
         for (int x = inHi; x < hi; ++x) put(x, Color::ZERO);
@@ -310,6 +314,10 @@ KEL_IVDEP
     double _toTexelX[3] = {1, 0, 0};  // tx = x * [0] + y * [1] + [2]
     double _toTexelY[3] = {0, 1, 0};
     bool _identity = false;  // texel coordinates are the positions themselves
+    // The filter's weight of a tap on a pixel centre, 1, as a value the compiler cannot see: the
+    // filter multiplies by its weights at run time, which changes a signalling NaN's bits, and a
+    // neighbourhood read must give the filter's bits.
+    float _unitWeight = 1.0f;
     int _tileX0 = 0, _tileY0 = 0, _tilesX = 0, _tilesY = 0;
     mutable std::vector<RCShdPtr<IxTile>> _tiles;
 };
