@@ -20,6 +20,7 @@
 // A sampler is therefore used by one thread, as everything that a tile evaluation makes.
 // linkSampler does nothing: samplers share no state.
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <vector>
 
@@ -200,6 +201,8 @@ KEL_IVDEP
         const double yd = double(y);
         const Axis ay = axis(0.0 + yd * _toTexelY[1] + _toTexelY[2], _pixels.yMin, _pixels.yMax, _params.wrapModeT);
         const double yTerm = yd * _toTexelX[1];
+        if (ay.reaches && _params.filterMode == 1 && _params.wrapModeS == 0)
+            return filterAlongRow(out, xs, yTerm, ay, active, lo, hi, cache);
         for (int x = lo; x < hi; ++x) {
             if (active && active[x] == 0.0f) continue;
             if (!ay.reaches || !std::isfinite(xs[x])) {
@@ -209,6 +212,66 @@ KEL_IVDEP
             const Axis ax = axis(double(xs[x]) * _toTexelX[0] + yTerm + _toTexelX[2], _pixels.xMin, _pixels.xMax, _params.wrapModeS);
             out[x] = ax.reaches ? filter(ax, ay, cache) : Color::ZERO;
         }
+    }
+
+    // The bilinear filter along a row whose vertical part reaches the image, with outside reading
+    // transparent black: the two rows of the footprint are taken from one fetched tile until the
+    // footprint leaves it. Inside the reach the clamp of axis() changes nothing, so it is left out.
+    void filterAlongRow(Color* out, const float* xs, double yTerm, const Axis& ay, const float* active, int lo, int hi,
+                        TileCache& cache) const {
+        const int y0 = ay.first;
+        const bool rowsInOneTile = y0 >= _pixels.yMin && y0 + 1 < _pixels.yMax &&
+                                   floorDiv(y0, kTileHeight) == floorDiv(y0 + 1, kTileHeight);
+        // Footprints from `from` to `to` - 1 lie in the tile of column `i`, whose rows y0 and
+        // y0 + 1 `below` and `above` are, indexed by the column.
+        struct {
+            int i = INT_MIN, from = 0, to = 0;
+            const Color* below = nullptr;
+            const Color* above = nullptr;
+        } tile;
+        const double reachLo = double(_pixels.xMin) - 1.0, reachHi = double(_pixels.xMax);
+        for (int x = lo; x < hi; ++x) {
+            if (active && active[x] == 0.0f) continue;
+            const double t = double(xs[x]) * _toTexelX[0] + yTerm + _toTexelX[2];
+            if (!std::isfinite(xs[x]) || !(t > reachLo && t < reachHi)) {
+                out[x] = Color::ZERO;
+                continue;
+            }
+            Axis ax;
+            ax.reaches = true;
+            ax.c = snapTexel(t);
+            ax.first = floorToInt(ax.c);
+            ax.weight = float(ax.c - double(ax.first));
+            const int x0 = ax.first;
+            if (rowsInOneTile && x0 >= _pixels.xMin && x0 + 1 < _pixels.xMax) {
+                const int i = floorDiv(x0, kTileWidth);
+                if (i != tile.i) {
+                    const IxTile& t = tileAt(i, floorDiv(y0, kTileHeight));
+                    const GeRectangle<int>& r = t.getRect();
+                    tile.i = i;
+                    tile.from = std::max({i * kTileWidth, _pixels.xMin, r.xMin});
+                    tile.to = std::min({(i + 1) * kTileWidth, _pixels.xMax, r.xMax}) - 1;
+                    if (y0 < r.yMin || y0 + 1 >= r.yMax) tile.to = tile.from;
+                    tile.below = t.row(y0) - r.xMin;
+                    tile.above = t.row(y0 + 1) - r.xMin;
+                }
+                if (x0 >= tile.from && x0 < tile.to) {
+                    out[x] = bilinear(tile.below + x0, tile.above + x0, ax.weight, ay.weight);
+                    continue;
+                }
+            }
+            out[x] = filter(ax, ay, cache);
+        }
+    }
+
+    // The four taps around a position, those of weight zero left out, so that a sample on a pixel
+    // centre is that pixel exactly even beside an infinite or NaN neighbour.
+    [[gnu::always_inline]] static inline Color bilinear(const Color* below, const Color* above, float fx, float fy) {
+        Color acc = below[0] * ((1.0f - fx) * (1.0f - fy));
+        if (fx != 0.0f) acc = acc + below[1] * (fx * (1.0f - fy));
+        if (fy != 0.0f) acc = acc + above[0] * ((1.0f - fx) * fy);
+        if (fx != 0.0f && fy != 0.0f) acc = acc + above[1] * (fx * fy);
+        return acc;
     }
 
     // Inlined into sampleRow: a colour returned through the stack per pixel cost a third of E7.
@@ -229,14 +292,8 @@ KEL_IVDEP
         // exactly even beside an infinite or NaN neighbour.
         const Color* below = nullptr;
         const Color* above = nullptr;
-        if (footprintInOneTile(x0, y0, below, above, cache)) {
-            // The usual case, without the per-tap checks of texel: the same four pixels.
-            Color acc = below[0] * ((1.0f - fx) * (1.0f - fy));
-            if (fx != 0.0f) acc = acc + below[1] * (fx * (1.0f - fy));
-            if (fy != 0.0f) acc = acc + above[0] * ((1.0f - fx) * fy);
-            if (fx != 0.0f && fy != 0.0f) acc = acc + above[1] * (fx * fy);
-            return acc;
-        }
+        // The usual case, without the per-tap checks of texel: the same four pixels.
+        if (footprintInOneTile(x0, y0, below, above, cache)) return bilinear(below, above, fx, fy);
         Color acc = texel(x0, y0) * ((1.0f - fx) * (1.0f - fy));
         if (fx != 0.0f) acc = acc + texel(x0 + 1, y0) * (fx * (1.0f - fy));
         if (fy != 0.0f) acc = acc + texel(x0, y0 + 1) * ((1.0f - fx) * fy);
