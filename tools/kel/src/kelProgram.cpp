@@ -265,6 +265,23 @@ void KelProgramBuilder::rollBack() {
     _program->_hasLoop = _mark.hasLoop;
 }
 
+void KelProgramBuilder::discard(int slot) {
+    if (slot < 0 || isConstant(slot) || _program->_slots[std::size_t(slot)].kind != KelSlot::Kind::Temporary) return;
+    std::vector<KelInstruction>& code = _program->_code;
+    auto reads = [slot](const KelInstruction& in) {
+        return std::find(std::begin(in.operands), std::end(in.operands), slot) != std::end(in.operands);
+    };
+    for (std::size_t i = code.size(); i-- > 0;) {
+        const KelInstruction& in = code[i];
+        if (in.kind == KelInstruction::Kind::Step && in.result == slot && in.storeInto < 0) {
+            if (std::none_of(code.begin() + std::ptrdiff_t(i) + 1, code.end(), reads)) code.erase(code.begin() + std::ptrdiff_t(i));
+            break;
+        }
+        if (in.kind != KelInstruction::Kind::Step && in.kind != KelInstruction::Kind::Store) break;
+    }
+    release(slot);
+}
+
 int KelProgramBuilder::newSlot(const KelSlot& slot) {
     _program->_slots.push_back(slot);
     _constantSlots.push_back(slot.kind == KelSlot::Kind::Literal);

@@ -192,8 +192,9 @@ public:
                         plainAssignment, plainAssignment && typeNumber<D>() == typeNumber<S>());
     }
     int declare(int id, int type, int writable);
-    // A value that nothing uses: its temporary is free again.
-    void discard(int slot) { release(slot); }
+    // A value that nothing uses: its temporary is free again, and the step that computed it, which
+    // has no other effect, goes (the old value of a statement `i++`).
+    void discard(int slot);
 
     // Control flow: If [then] Else [else] EndIf; Loop [condition] LoopTest [body] EndLoop.
     void beginIf(int condition);
