@@ -147,6 +147,34 @@ void runChain(const KelInstruction& in, KelProgramRun& run, void* destination, c
     for (; x < strip.max; ++x) chainBlock<1>(in, operands, a, d, x);
 }
 
+// Whether the condition is true (not 0.0, NaN included) at every column of the strip, or at
+// none: most strips of a coherent condition are one or the other, and then a full mask needs no
+// row written. Reads only.
+struct Uniformity {
+    bool allTrue, allFalse;
+};
+Uniformity uniformity(const IxScanline<float>& condition, const GeInterval<int>& strip) {
+    const float* c = condition.data();
+    bool anyTrue = false, anyFalse = false;
+    int x = strip.min;
+#if defined(__SSE2__)
+    const __m128 zero = _mm_setzero_ps();
+    __m128 any = zero, all = _mm_castsi128_ps(_mm_set1_epi32(-1));
+    for (; x + 4 <= strip.max; x += 4) {
+        const __m128 set = _mm_cmpneq_ps(_mm_loadu_ps(c + x), zero);
+        any = _mm_or_ps(any, set);
+        all = _mm_and_ps(all, set);
+    }
+    anyTrue = _mm_movemask_ps(any) != 0;
+    anyFalse = _mm_movemask_ps(all) != 0xF;
+#endif
+    for (; x < strip.max; ++x) {
+        if (c[x] != 0.0f) anyTrue = true;
+        else anyFalse = true;
+    }
+    return {!anyFalse, !anyTrue};
+}
+
 // `mask` narrowed by the condition (invert: by its negation) over the strip, into `out`; the
 // same rule as KelMask::narrow, a NaN condition counting as true. Four columns at a time, as
 // `narrow` goes, with the count of active columns and their span (to the group of four) on the
@@ -745,9 +773,16 @@ std::size_t KelProgramRun::runIf(std::size_t at, const GeInterval<int>& strip, c
     const KelInstruction& in = _program.code()[at];
     const IxScanline<float>& condition = row<float>(in.operands[0]);
     const bool hasElse = _program.code()[std::size_t(in.partAt)].kind == KelInstruction::Kind::Else;
-    const KelStripMask then = narrowStrip(mask, condition, false, *_masks[std::size_t(in.masks[0])], strip);
-    const KelStripMask otherwise =
-        hasElse ? narrowStrip(mask, condition, true, *_masks[std::size_t(in.masks[1])], strip) : KelStripMask{nullptr, false, false, {}};
+    KelStripMask then, otherwise{nullptr, false, false, {}};
+    const Uniformity u = mask.all ? uniformity(condition, strip) : Uniformity{false, false};
+    if (u.allTrue || u.allFalse) {
+        const KelStripMask full{nullptr, true, true, strip};
+        then = u.allTrue ? full : otherwise;
+        if (hasElse && u.allFalse) otherwise = full;
+    } else {
+        then = narrowStrip(mask, condition, false, *_masks[std::size_t(in.masks[0])], strip);
+        if (hasElse) otherwise = narrowStrip(mask, condition, true, *_masks[std::size_t(in.masks[1])], strip);
+    }
     if (then.any) runRange(at + 1, std::size_t(in.partAt), then.span, then);
     if (otherwise.any) runRange(std::size_t(in.partAt) + 1, std::size_t(in.endAt), otherwise.span, otherwise);
     return std::size_t(in.endAt) + 1;
@@ -764,7 +799,10 @@ std::size_t KelProgramRun::runLoop(std::size_t at, const GeInterval<int>& strip,
     GeInterval<int> columns = strip;
     for (;;) {
         runRange(at + 1, test, columns, current);
-        current = narrowStrip(current, row<float>(_program.code()[test].operands[0]), false, loopMask, columns);
+        const IxScanline<float>& condition = row<float>(_program.code()[test].operands[0]);
+        const Uniformity u = current.all ? uniformity(condition, columns) : Uniformity{false, false};
+        if (u.allFalse) break;
+        if (!u.allTrue) current = narrowStrip(current, condition, false, loopMask, columns);
         if (!current.any) break;
         columns = current.span;
         PxRequestMgr::getInstance().checkRequest();

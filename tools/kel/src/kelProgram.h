@@ -170,7 +170,7 @@ public:
     int binary(void (*operation)(IxScanline<D>&, const IxScanline<A>&, const IxScanline<B>&, const GeInterval<int>*),
                int a, int b) {
         const auto any = reinterpret_cast<KelInstruction::AnyFunction>(operation);
-        if constexpr (std::is_same_v<D, Color>) if (!getenv("KEL_NOCHAIN")) {
+        if constexpr (std::is_same_v<D, Color>) {
             const int chained = colorArithmetic(any, a, b);
             if (chained != kNotArithmetic) return chained;
         }
