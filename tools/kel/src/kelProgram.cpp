@@ -524,57 +524,55 @@ int KelProgramBuilder::declare(int id, int type, int writable) {
     return slot;
 }
 
+KelInstruction& KelProgramBuilder::append(KelInstruction::Kind kind) {
+    _program->_code.emplace_back();
+    _program->_code.back().kind = kind;
+    return _program->_code.back();
+}
+
+// The open If or Loop takes the index of the part that starts here.
+void KelProgramBuilder::markPart(bool end) {
+    KelInstruction& head = _program->_code[_openControl.back()];
+    (end ? head.endAt : head.partAt) = int(_program->_code.size());
+}
+
 void KelProgramBuilder::beginIf(int condition) {
-    KelInstruction in;
-    in.kind = KelInstruction::Kind::If;
+    _openControl.push_back(_program->_code.size());
+    KelInstruction& in = append(KelInstruction::Kind::If);
     in.operands[0] = condition;
     in.masks[0] = _program->_maskCount++;
     in.masks[1] = _program->_maskCount++;
-    _openControl.push_back(_program->_code.size());
-    _program->_code.push_back(in);
     release(condition);
 }
 
 void KelProgramBuilder::beginElse() {
-    KelInstruction in;
-    in.kind = KelInstruction::Kind::Else;
-    _program->_code[_openControl.back()].partAt = int(_program->_code.size());
-    _program->_code.push_back(in);
+    markPart(false);
+    append(KelInstruction::Kind::Else);
 }
 
 void KelProgramBuilder::endIf() {
-    KelInstruction in;
-    in.kind = KelInstruction::Kind::EndIf;
+    markPart(true);
     KelInstruction& head = _program->_code[_openControl.back()];
-    head.endAt = int(_program->_code.size());
     if (head.partAt < 0) head.partAt = head.endAt;
-    _program->_code.push_back(in);
+    append(KelInstruction::Kind::EndIf);
     _openControl.pop_back();
 }
 
 void KelProgramBuilder::beginLoop() {
     _program->_hasLoop = true;
-    KelInstruction in;
-    in.kind = KelInstruction::Kind::Loop;
-    in.masks[0] = _program->_maskCount++;
     _openControl.push_back(_program->_code.size());
-    _program->_code.push_back(in);
+    append(KelInstruction::Kind::Loop).masks[0] = _program->_maskCount++;
 }
 
 void KelProgramBuilder::loopTest(int condition) {
-    KelInstruction in;
-    in.kind = KelInstruction::Kind::LoopTest;
-    in.operands[0] = condition;
-    _program->_code[_openControl.back()].partAt = int(_program->_code.size());
-    _program->_code.push_back(in);
+    markPart(false);
+    append(KelInstruction::Kind::LoopTest).operands[0] = condition;
     release(condition);
 }
 
 void KelProgramBuilder::endLoop() {
-    KelInstruction in;
-    in.kind = KelInstruction::Kind::EndLoop;
-    _program->_code[_openControl.back()].endAt = int(_program->_code.size());
-    _program->_code.push_back(in);
+    markPart(true);
+    append(KelInstruction::Kind::EndLoop);
     _openControl.pop_back();
 }
 
@@ -682,7 +680,6 @@ void KelProgramRun::run(KelContext& context) {
 // stores are a select per block already.
 bool KelProgramRun::fewRuns(const KelStripMask& mask, const GeInterval<int>& strip) {
     constexpr std::size_t kMaxRuns = 8;
-    if (mask.runs > int(kMaxRuns)) return false;
     const float* m = mask.row->data();
     _runs.clear();
     bool inRun = false;

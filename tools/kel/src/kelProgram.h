@@ -12,7 +12,9 @@
 // result, shared read-only by every tile thread; KelProgramRun binds it to one tile's context
 // (rows for its temporaries and literals, its variables and images) and runs it row after row.
 // The operations are those of the tree walk (the same IxScanlineUtil functions and built-in
-// kernels), called with the strip as their column limit: the pixels are the tree walk's, bit
+// kernels), called with the strip as their column limit, but for colour arithmetic, whose
+// operations go in chains that keep the running colours in registers from the first to the
+// last (the same operations of CoColor.h, lane by lane): the pixels are the tree walk's, bit
 // for bit.
 #pragma once
 
@@ -46,7 +48,6 @@ struct KelStripMask {
     bool all = true;
     bool any = true;
     GeInterval<int> span;
-    int runs = -1;  // of active columns, when known
 };
 
 // One instruction. Steps and stores carry a typed thunk (`run`) and the operation it calls;
@@ -227,6 +228,8 @@ private:
     int colorArithmetic(KelInstruction::AnyFunction operation, int a, int b);
     int addStore(KelInstruction::Run run, KelInstruction::AnyFunction operation, int variable, int value,
                  bool plainAssignment, bool direct);
+    KelInstruction& append(KelInstruction::Kind kind);
+    void markPart(bool end);
     int newSlot(const KelSlot& slot);
     int temporary(int type);
     void release(int slot);
