@@ -10,6 +10,7 @@
 #include <cmath>
 #include <limits>
 #include <random>
+#include <string>
 
 #include "kelEvalTestSupport.h"
 
@@ -48,6 +49,25 @@ bool sameBits(const Color& a, const Color& b) {
     return true;
 }
 
+// sampleRow over the positions from column lo, without a mask and under `active`, against
+// sampleAt column by column: the same bits, and the inactive columns left alone.
+void expectRowEqualsPixels(const SdTextureSampler& sampler, const std::vector<float>& xs, const std::vector<float>& ys,
+                           const std::vector<float>& active, int lo, const std::string& what) {
+    const int hi = lo + int(xs.size());
+    const Color untouched(-7, -7, -7, -7);
+    std::vector<Color> whole(xs.size(), untouched), masked(xs.size(), untouched);
+    sampler.sampleRow(whole.data() - lo, xs.data() - lo, ys.data() - lo, nullptr, lo, hi);
+    sampler.sampleRow(masked.data() - lo, xs.data() - lo, ys.data() - lo, active.data() - lo, lo, hi);
+    GeLinearMatrix2<double> identity;
+    for (std::size_t i = 0; i < xs.size(); ++i) {
+        Color expected;
+        const double coords[2] = {double(xs[i]), double(ys[i])};
+        sampler.sampleAt(expected, coords, identity);
+        EXPECT_TRUE(sameBits(whole[i], expected)) << what << ", column " << int(i) + lo;
+        EXPECT_TRUE(sameBits(masked[i], active[i] != 0.0f ? expected : untouched)) << what << ", masked column " << int(i) + lo;
+    }
+}
+
 TEST(KelFastPathSampler, SampleRowEqualsSampleAtPixelForPixel) {
     const auto image = randomImage();
     constexpr int lo = -5, hi = 600;
@@ -64,19 +84,8 @@ TEST(KelFastPathSampler, SampleRowEqualsSampleAtPixelForPixel) {
     xs[5] = -std::numeric_limits<float>::infinity();
     for (int filter : {0, 1})
         for (int wrap : {0, 1}) {
-            const auto sampler = samplerOf(image, filter, wrap);
-            const Color untouched(-7, -7, -7, -7);
-            std::vector<Color> whole(xs.size(), untouched), masked(xs.size(), untouched);
-            sampler->sampleRow(whole.data() - lo, xs.data() - lo, ys.data() - lo, nullptr, lo, hi);
-            sampler->sampleRow(masked.data() - lo, xs.data() - lo, ys.data() - lo, active.data() - lo, lo, hi);
-            GeLinearMatrix2<double> identity;
-            for (std::size_t i = 0; i < xs.size(); ++i) {
-                Color expected;
-                const double coords[2] = {double(xs[i]), double(ys[i])};
-                sampler->sampleAt(expected, coords, identity);
-                EXPECT_TRUE(sameBits(whole[i], expected)) << "filter " << filter << " wrap " << wrap << " column " << i;
-                EXPECT_TRUE(sameBits(masked[i], active[i] != 0.0f ? expected : untouched)) << "masked column " << i;
-            }
+            expectRowEqualsPixels(*samplerOf(image, filter, wrap), xs, ys, active, lo,
+                                  "filter " + std::to_string(filter) + " wrap " + std::to_string(wrap));
         }
 }
 
@@ -144,19 +153,9 @@ TEST(KelFastPathSamplerRows, RowPathsGiveThePixelPathsColours) {
                 for (const Positions& row : rows) {
                     std::vector<float> xs(n), ys(n, row.y);
                     for (int x = lo; x < hi; ++x) xs[std::size_t(x - lo)] = row.x(x);
-                    const Color untouched(-7, -7, -7, -7);
-                    std::vector<Color> whole(n, untouched), masked(n, untouched);
-                    sampler->sampleRow(whole.data() - lo, xs.data() - lo, ys.data() - lo, nullptr, lo, hi);
-                    sampler->sampleRow(masked.data() - lo, xs.data() - lo, ys.data() - lo, active.data() - lo, lo, hi);
-                    GeLinearMatrix2<double> identity;
-                    for (std::size_t i = 0; i < xs.size(); ++i) {
-                        Color expected;
-                        const double coords[2] = {double(xs[i]), double(ys[i])};
-                        sampler->sampleAt(expected, coords, identity);
-                        ASSERT_TRUE(sameBits(whole[i], expected)) << row.name << ", scale " << scaleLevel << " filter " << filter
-                                                                  << " wrap " << wrap << " column " << int(i) + lo;
-                        ASSERT_TRUE(sameBits(masked[i], active[i] != 0.0f ? expected : untouched)) << row.name << " masked";
-                    }
+                    expectRowEqualsPixels(*sampler, xs, ys, active, lo,
+                                          std::string(row.name) + ", scale " + std::to_string(scaleLevel) + " filter " +
+                                              std::to_string(filter) + " wrap " + std::to_string(wrap));
                 }
             }
 }
