@@ -14,13 +14,14 @@ namespace Zt {
 
 namespace {
 
-// Columns per strip. Straight statements take narrow strips: what a strip reads and writes stays
-// in the first-level cache, and the input's next columns arrive while this strip's are
-// computed (kelEffects: E2 1.5 at 64 or 128 columns, 1.75 at 256). A loop's every pass goes
-// over its strip's instructions again, so loops take wide strips, which that overhead weighs on
-// less (E6 1.35 at 512 or more columns, 1.5 at 256, 2.3 at 64; E8 alike).
-constexpr int kStraightStripWidth = 64;
-constexpr int kLoopStripWidth = 512;
+// Columns per strip. A strip's operations each cost a dispatch, so strips are wide (kelBuiltinsBench
+// walk_33_additions: 309 us at 64 columns, 163 at 256, 132 at 1024; kelEffects E3 0.38x the
+// loop at 64, 0.30 at 1024; E7 1.86 and 1.66; E6 and E8 best from 512), but for a short program
+// that streams an input's rows, which goes faster in narrow strips (E2 1.45-1.5x the loop at 64
+// columns, 1.55 at 128, 1.75 at 256; E5 2.0-2.2 at 64, 2.25 at 32, 2.4-2.5 at 128).
+constexpr int kStripWidth = 1024;
+constexpr int kStreamingStripWidth = 64;
+constexpr std::size_t kShortProgram = 8;  // instructions, but for those run once a tile
 
 bool isValueType(int type) { return type == KelValueTypes::Float || type == KelValueTypes::Color; }
 
@@ -264,6 +265,11 @@ KelProgram::Use KelProgram::firstUse(int slot, std::size_t begin, std::size_t en
 KelProgramBuilder::KelProgramBuilder(const KelProgramScope& scope) : _scope(scope), _program(new KelProgram) {}
 
 std::unique_ptr<KelProgram> KelProgramBuilder::finish() {
+    const auto& slots = _program->_slots;
+    const auto& code = _program->_code;
+    const bool streams = std::any_of(slots.begin(), slots.end(), [](const KelSlot& s) { return s.kind == KelSlot::Kind::CurrentPixel; });
+    const auto work = std::count_if(code.begin(), code.end(), [](const KelInstruction& in) { return !in.constant; });
+    _program->_stripWidth = streams && !_program->_hasLoop && std::size_t(work) <= kShortProgram ? kStreamingStripWidth : kStripWidth;
     std::unique_ptr<KelProgram> done = std::move(_program);
     _program.reset(new KelProgram);
     _freeTemporaries.clear();
@@ -654,7 +660,7 @@ void KelProgramRun::run(KelContext& context) {
     if (mask.noneActive()) return;  // no store can happen; declarations are out of sight
     const GeInterval<int> columns = mask.allActive() ? context.getInterval() : *mask.activeSpan();
     const float* m = mask.getScanline().data();
-    const int width = _program.hasLoop() ? kLoopStripWidth : kStraightStripWidth;
+    const int width = _program.stripWidth();
     for (int lo = columns.min; lo < columns.max; lo += width) {
         const GeInterval<int> strip(lo, std::min(lo + width, columns.max));
         KelStripMask stripMask;

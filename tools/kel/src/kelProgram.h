@@ -107,7 +107,8 @@ public:
     const std::vector<int>& images() const { return _images; }
     const std::vector<int>& storedVariables() const { return _stored; }
     int maskCount() const { return _maskCount; }
-    bool hasLoop() const { return _hasLoop; }
+    // Columns per strip, chosen for the program when it is finished.
+    int stripWidth() const { return _stripWidth; }
 
     // True when, run under a full mask, the program stores into every column of `variable`
     // before anything reads it: the variable's old contents cannot show.
@@ -125,6 +126,7 @@ private:
     std::vector<int> _stored;  // variable ids that stores write
     int _maskCount = 0;
     bool _hasLoop = false;
+    int _stripWidth = 0;
 };
 
 // What the compilation needs to know of the script: the type of each variable id (from the
