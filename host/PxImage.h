@@ -116,8 +116,6 @@ public:
         return const_cast<Color*>(rowAt(y));
     }
     const Color* row(int y) const { return rowAt(y); }
-    // Colours from one row to the next.
-    std::ptrdiff_t stride() const { return _stride; }
 
 private:
     const Color* rowAt(int y) const { return _rows + std::ptrdiff_t(y - _rect.yMin) * _stride; }
