@@ -1,5 +1,5 @@
-// Micro-benchmarks of the value layer's inner loops (issue 8): scanline operations per pixel,
-// `narrow`, masked stores and the pool's reuse. Rows of 2048 columns, the reference image width.
+// Micro-benchmarks of the value layer's inner loops: scanline operations per pixel, channel
+// extraction, `narrow`, masked and unmasked stores and the pool's reuse. Rows of 2048 columns, the reference image width.
 #include <benchmark/benchmark.h>
 
 #include <random>
@@ -76,6 +76,32 @@ void BM_CopyIfFloat(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kWidth);
 }
 BENCHMARK(BM_CopyIfFloat)->Arg(0)->Arg(1)->ArgName("masked");
+
+// A channel of a colour row (a keyer's `r(src)`): four columns at a time by shuffles.
+void BM_ExtractChannel(benchmark::State& state) {
+    IxScanline<float> d(kRow, {4, 0.0f});
+    IxScanline<Color> s(kRow, {4, Color{}});
+    fillRandom(s, 5);
+    for (auto _ : state) {
+        IxScanlineUtil::extractChannel(d, 0, s, IxScanlineUtilTypes::NoInvert, nullptr);
+        benchmark::DoNotOptimize(d.begin());
+    }
+    state.SetItemsProcessed(state.iterations() * kWidth);
+}
+BENCHMARK(BM_ExtractChannel);
+
+// An unmasked float store that combines (a loop's `i++`, `sum += ...`): in blocks, as the operators.
+void BM_AccumulateFloat(benchmark::State& state) {
+    IxScanline<float> d(kRow, {4, 0.0f});
+    IxScanline<float> s(kRow, {4, 0.0f});
+    fillRandom(s, 6);
+    for (auto _ : state) {
+        IxScanlineUtil::accumulateScanline(d, s, nullptr, nullptr);
+        benchmark::DoNotOptimize(d.begin());
+    }
+    state.SetItemsProcessed(state.iterations() * kWidth);
+}
+BENCHMARK(BM_AccumulateFloat);
 
 void BM_Narrow(benchmark::State& state) {
     KelContext context(kRow, 0);

@@ -1,7 +1,8 @@
 // Rows of a tile to and from a colour scanline: an input's row before the script runs on it, the
 // output's row after. On read, the columns of the scanline outside the tile (or a row outside
 // it) get the tile's fill colour, as every pixel outside an input's rectangle does; on write,
-// they are not written.
+// they are not written. A row that the tile holds whole is lent rather than read, and a row
+// written from the tile's own storage is not copied onto itself.
 #include <algorithm>
 
 #include "PxImage.h"
@@ -10,6 +11,7 @@ namespace Zt {
 
 template <>
 void IxScanline<Color>::readFrom(const IxReadGuard& guard, int y) {
+    reclaim();  // never into a lender's row
     const IxTile& tile = guard.tile();
     const GeRectangle<int>& r = tile.getRect();
     Color* d = data();
@@ -28,7 +30,17 @@ void IxScanline<Color>::writeTo(const IxWriteGuard& guard, int y) const {
     const GeRectangle<int>& r = tile.getRect();
     if (y < r.yMin || y >= r.yMax) return;
     const int lo = std::max(minimum(), r.xMin), hi = std::min(maximum(), r.xMax);
-    if (lo < hi) std::copy(data() + lo, data() + hi, tile.row(y) + (lo - r.xMin));
+    Color* to = tile.row(y) + (lo - r.xMin);
+    if (lo < hi && to != data() + lo) std::copy(data() + lo, data() + hi, to);
+}
+
+template <>
+void IxScanline<Color>::lendFrom(const IxReadGuard& guard, int y) {
+    const IxTile& tile = guard.tile();
+    const GeRectangle<int>& r = tile.getRect();
+    if (y < r.yMin || y >= r.yMax || minimum() < r.xMin || maximum() > r.xMax || minimum() >= maximum())
+        return readFrom(guard, y);
+    lend(const_cast<Color*>(tile.row(y) + (minimum() - r.xMin)));
 }
 
 }  // namespace Zt

@@ -34,6 +34,20 @@ IxTile::IxTile(const IxPixelFormat& format, const GeRectangle<int>& rect, const 
     if (!_owner) Assertions::throwAssertionFailed("host/PxImage", __LINE__, "owner");
 }
 
+IxTile::IxTile(const IxPixelFormat& format, const GeRectangle<int>& rect, const Color& fill,
+               const PxTileDestination* destination)
+    : _format(format), _rect(rect), _fill(fill) {
+    if (!rect.isEmpty() && destination && destination->holds(rect)) {
+        _rows = destination->at(rect.xMin, rect.yMin);
+        _stride = destination->stride;
+        return;
+    }
+    const std::size_t count = rect.isEmpty() ? 0 : std::size_t(rect.width()) * std::size_t(rect.height());
+    _storage = IxTileStorage::acquire(count, _capacity);
+    _rows = _storage.get();
+    _stride = rect.isEmpty() ? 0 : rect.width();
+}
+
 IxTile::~IxTile() { IxTileStorage::release(std::move(_storage), _capacity); }
 
 void PxImageResult::reduceVI(PxValidityInterval& vi) const {

@@ -47,6 +47,21 @@ struct PxTimeScaleContext {
     int scaleLevel = 0;
 };
 
+// Pixels that the caller of getImage offers for the tile it asks for: a node may make its
+// output tile over them, so that the tile's rows are written where the caller wants them and
+// nothing is copied. Pixel (x, y) of `rect` is rows[(y - rect.yMin) * stride + (x - rect.xMin)];
+// the caller keeps them alive, and keeps no other use of them, while the tile lives. A node
+// passes no destination on to the nodes it reads.
+struct PxTileDestination {
+    Color* rows = nullptr;
+    std::ptrdiff_t stride = 0;
+    GeRectangle<int> rect;
+    bool holds(const GeRectangle<int>& r) const {
+        return rows && r.xMin >= rect.xMin && r.xMax <= rect.xMax && r.yMin >= rect.yMin && r.yMax <= rect.yMax;
+    }
+    Color* at(int x, int y) const { return rows + std::ptrdiff_t(y - rect.yMin) * stride + (x - rect.xMin); }
+};
+
 // tileWidth and tileHeight are our host's: the fixed tile grid.
 struct PxImageContext : PxTimeScaleContext {
     int tileX = 0;
@@ -56,6 +71,8 @@ struct PxImageContext : PxTimeScaleContext {
     // Chooses the sequence of rand(): a render's random values depend on it, the pixel, the time
     // and the call, never on tiles or threads.
     unsigned seed = 0;
+    // Where the caller would like the tile's pixels; null: anywhere.
+    const PxTileDestination* destination = nullptr;
     const PxTimeScaleContext& timeScale() const { return *this; }
 };
 
@@ -77,6 +94,12 @@ public:
     // on, and `owner` keeps them alive as long as the tile.
     IxTile(const IxPixelFormat& format, const GeRectangle<int>& rect, const Color& fill, const Color* rows,
            std::ptrdiff_t stride, RCShdPtr<const RCBase<LkCounter<int>>> owner);
+    // A tile whose maker writes every pixel before anyone reads one (a node's output tile): over
+    // the rows of `destination` when it holds the whole rectangle, so that they are written in
+    // place, otherwise over storage of its own. Its pixels are not filled: a fill would only
+    // be overwritten.
+    IxTile(const IxPixelFormat& format, const GeRectangle<int>& rect, const Color& fill,
+           const PxTileDestination* destination);
     ~IxTile() override;
     IxTile(const IxTile&) = delete;
     IxTile& operator=(const IxTile&) = delete;

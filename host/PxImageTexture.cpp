@@ -24,9 +24,11 @@
 // A sampler is therefore used by one thread, as everything that a tile evaluation makes.
 // linkSampler does nothing: samplers share no state.
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <vector>
 
+#include "IxScanlineUtil.h"
 #include "PxImage.h"
 
 namespace Zt {
@@ -75,6 +77,8 @@ public:
             _toTexelY[i] = (double(m[i][1]) - (i == 2 ? tv : 0.0)) / sv * sy;
         }
 
+        _identity = _toTexelX[0] == 1.0 && _toTexelX[1] == 0.0 && _toTexelX[2] == 0.0 && _toTexelY[0] == 0.0 &&
+                    _toTexelY[1] == 1.0 && _toTexelY[2] == 0.0;
         if (!_pixels.isEmpty()) {
             _tileX0 = floorDiv(_pixels.xMin, kTileWidth);
             _tileY0 = floorDiv(_pixels.yMin, kTileHeight);
@@ -85,44 +89,215 @@ public:
     }
 
     void sampleAt(Color& result, const double coords[2], const GeLinearMatrix2<double>&) const override {
-        result = sample(coords[0], coords[1]);
+        TileCache cache;
+        result = sample(coords[0], coords[1], cache);
     }
 
-    // The same colours as sampleAt, without a virtual call per pixel (issue 8).
+    // The same colours as sampleAt, without a virtual call per pixel. A row whose positions share
+    // one y, in a mapping that keeps rows (every mapping the interpreter makes), works out that
+    // y's part of the filter once for the row.
     void sampleRow(Color* out, const float* xs, const float* ys, const float* active, int lo, int hi) const override {
-        if (!active) {
-            for (int x = lo; x < hi; ++x) out[x] = sample(double(xs[x]), double(ys[x]));
-            return;
-        }
+        if (lo >= hi || sampleShiftedRow(out, xs, ys, active, lo, hi)) return;
+        TileCache cache;
+        if (_toTexelY[0] == 0.0 && sharesOneValue(ys, lo, hi)) return sampleAlongRow(out, xs, ys[lo], active, lo, hi, cache);
         for (int x = lo; x < hi; ++x)
-            if (active[x] != 0.0f) out[x] = sample(double(xs[x]), double(ys[x]));
+            if (!active || active[x] != 0.0f) out[x] = sample(double(xs[x]), double(ys[x]), cache);
     }
 
 private:
+    // Positions that step one pixel along a row at whole coordinates, as a script that reads its
+    // neighbours asks for them (sample(src, x + i, y + j) at full resolution): each column is
+    // one pixel of the image, weighed by exactly 1 as the filter weighs it, or transparent black
+    // outside the image. Read along the fetched tiles' rows, without the filter's arithmetic.
+    // False, having written nothing, for any other row of positions.
+    bool sampleShiftedRow(Color* out, const float* xs, const float* ys, const float* active, int lo, int hi) const {
+        constexpr float kExact = 1 << 22;  // whole floats this small step by one exactly
+        if (!_identity || _params.filterMode != 1 || _params.wrapModeS != 0 || _params.wrapModeT != 0 || lo >= hi)
+            return false;
+        const float y = ys[lo], first = xs[lo];
+        if (!(std::fabs(y) < kExact && std::fabs(first) < kExact && y == std::floor(y) && first == std::floor(first)))
+            return false;
+        // Blocks of eight without a branch, as the scanline operations go: this test runs for
+        // every row of positions that the sampler is given.
+        constexpr int kBlock = 8;
+        int x = lo;
+        for (; x + kBlock <= hi; x += kBlock) {
+            const float base = first + float(x - lo);
+            int off = 0;
+KEL_IVDEP
+            for (int i = 0; i < kBlock; ++i) off |= int(ys[x + i] != y) | int(xs[x + i] != base + float(i));
+            if (off) return false;
+        }
+        for (; x < hi; ++x)
+            if (ys[x] != y || xs[x] != first + float(x - lo)) return false;
+        const int row = int(y), shift = int(first) - lo;  // column x reads pixel x + shift
+        auto put = [&](int x, const Color& c) {
+            if (!active || active[x] != 0.0f) out[x] = c;
+        };
+        const bool rowInside = row >= _pixels.yMin && row < _pixels.yMax;
+        const int inLo = rowInside ? std::clamp(_pixels.xMin - shift, lo, hi) : hi;
+        const int inHi = rowInside ? std::clamp(_pixels.xMax - shift, inLo, hi) : hi;
+        for (int x = lo; x < inLo; ++x) put(x, Color::ZERO);
+        for (int x = inLo; x < inHi;) {
+            const int i = floorDiv(x + shift, kTileWidth);
+            const int end = std::min(inHi, (i + 1) * kTileWidth - shift);
+            const IxTile& tile = tileAt(i, floorDiv(row, kTileHeight));
+            const GeRectangle<int>& r = tile.getRect();
+            if (row >= r.yMin && row < r.yMax && x + shift >= r.xMin && end + shift <= r.xMax) {
+                const Color* pixels = tile.row(row) + (shift - r.xMin);
+                if (!active) {
+                    for (; x < end; ++x) out[x] = pixels[x] * _unitWeight;
+                } else {
+                    for (; x < end; ++x) put(x, pixels[x] * _unitWeight);
+                }
+            } else {
+                for (; x < end; ++x) put(x, texel(x + shift, row) * _unitWeight);
+            }
+        }
+        for (int x = inHi; x < hi; ++x) put(x, Color::ZERO);
+        return true;
+    }
+
+    // The filter's view of one texel coordinate: whether a tap reaches the image, the coordinate
+    // clamped and snapped, its first tap and the weight of the second.
+    struct Axis {
+        bool reaches = false;
+        double c = 0.0;
+        int first = 0;
+        float weight = 0.0f;
+    };
+    static Axis axis(double t, int lo, int hi, int wrapMode) {
+        Axis a;
+        a.reaches = reachesImage(t, lo, hi, wrapMode);
+        if (!a.reaches) return a;
+        a.c = snapTexel(onAxis(t, lo, hi, wrapMode));
+        a.first = floorToInt(a.c);
+        a.weight = float(a.c - double(a.first));
+        return a;
+    }
+
+    // The fetched tile that the last footprint lay in, so that the next one, mostly in the same
+    // tile, finds it without the lookup.
+    struct TileCache {
+        int i = 0, j = 0;
+        const IxTile* tile = nullptr;
+    };
+
+    static bool sharesOneValue(const float* v, int lo, int hi) {
+        constexpr int kBlock = 8;
+        const float first = v[lo];
+        int x = lo;
+        for (; x + kBlock <= hi; x += kBlock) {
+            int differs = 0;
+KEL_IVDEP
+            for (int i = 0; i < kBlock; ++i) differs |= int(v[x + i] != first);
+            if (differs) return false;
+        }
+        for (; x < hi; ++x)
+            if (v[x] != first) return false;
+        return !std::isnan(first);
+    }
+
+    // ys[x] == y for every column: the vertical part is the same for all. With a mapping that keeps
+    // rows, ty = x * 0 + y * m + c, where x * 0 is a zero, whose sign changes no weight, or, for a
+    // position that is not finite, NaN, which reads nothing.
+    void sampleAlongRow(Color* out, const float* xs, float y, const float* active, int lo, int hi, TileCache& cache) const {
+        const double yd = double(y);
+        const Axis ay = axis(0.0 + yd * _toTexelY[1] + _toTexelY[2], _pixels.yMin, _pixels.yMax, _params.wrapModeT);
+        const double yTerm = yd * _toTexelX[1];
+        if (ay.reaches && _params.filterMode == 1 && _params.wrapModeS == 0)
+            return filterAlongRow(out, xs, yTerm, ay, active, lo, hi, cache);
+        for (int x = lo; x < hi; ++x) {
+            if (active && active[x] == 0.0f) continue;
+            if (!ay.reaches || !std::isfinite(xs[x])) {
+                out[x] = Color::ZERO;
+                continue;
+            }
+            const Axis ax = axis(double(xs[x]) * _toTexelX[0] + yTerm + _toTexelX[2], _pixels.xMin, _pixels.xMax, _params.wrapModeS);
+            out[x] = ax.reaches ? filter(ax, ay, cache) : Color::ZERO;
+        }
+    }
+
+    // The bilinear filter along a row whose vertical part reaches the image, with outside reading
+    // transparent black: the two rows of the footprint are taken from one fetched tile until the
+    // footprint leaves it. Inside the reach the clamp of axis() changes nothing, so it is left out.
+    void filterAlongRow(Color* out, const float* xs, double yTerm, const Axis& ay, const float* active, int lo, int hi,
+                        TileCache& cache) const {
+        const int y0 = ay.first;
+        const bool rowsInOneTile = y0 >= _pixels.yMin && y0 + 1 < _pixels.yMax &&
+                                   floorDiv(y0, kTileHeight) == floorDiv(y0 + 1, kTileHeight);
+        // Footprints from `from` to `to` - 1 lie in the tile of column `i`, whose rows y0 and
+        // y0 + 1 `below` and `above` are, indexed by the column.
+        struct {
+            int i = INT_MIN, from = 0, to = 0;
+            const Color* below = nullptr;
+            const Color* above = nullptr;
+        } tile;
+        const double reachLo = double(_pixels.xMin) - 1.0, reachHi = double(_pixels.xMax);
+        for (int x = lo; x < hi; ++x) {
+            if (active && active[x] == 0.0f) continue;
+            const double t = double(xs[x]) * _toTexelX[0] + yTerm + _toTexelX[2];
+            if (!std::isfinite(xs[x]) || !(t > reachLo && t < reachHi)) {
+                out[x] = Color::ZERO;
+                continue;
+            }
+            Axis ax;
+            ax.reaches = true;
+            ax.c = snapTexel(t);
+            ax.first = floorToInt(ax.c);
+            ax.weight = float(ax.c - double(ax.first));
+            const int x0 = ax.first;
+            if (rowsInOneTile && x0 >= _pixels.xMin && x0 + 1 < _pixels.xMax) {
+                const int i = floorDiv(x0, kTileWidth);
+                if (i != tile.i) {
+                    const IxTile& t = tileAt(i, floorDiv(y0, kTileHeight));
+                    const GeRectangle<int>& r = t.getRect();
+                    tile.i = i;
+                    tile.from = std::max({i * kTileWidth, _pixels.xMin, r.xMin});
+                    tile.to = std::min({(i + 1) * kTileWidth, _pixels.xMax, r.xMax}) - 1;
+                    if (y0 < r.yMin || y0 + 1 >= r.yMax) tile.to = tile.from;
+                    tile.below = t.row(y0) - r.xMin;
+                    tile.above = t.row(y0 + 1) - r.xMin;
+                }
+                if (x0 >= tile.from && x0 < tile.to) {
+                    out[x] = bilinear(tile.below + x0, tile.above + x0, ax.weight, ay.weight);
+                    continue;
+                }
+            }
+            out[x] = filter(ax, ay, cache);
+        }
+    }
+
+    // The four taps around a position, those of weight zero left out, so that a sample on a pixel
+    // centre is that pixel exactly even beside an infinite or NaN neighbour.
+    [[gnu::always_inline]] static inline Color bilinear(const Color* below, const Color* above, float fx, float fy) {
+        Color acc = below[0] * ((1.0f - fx) * (1.0f - fy));
+        if (fx != 0.0f) acc = acc + below[1] * (fx * (1.0f - fy));
+        if (fy != 0.0f) acc = acc + above[0] * ((1.0f - fx) * fy);
+        if (fx != 0.0f && fy != 0.0f) acc = acc + above[1] * (fx * fy);
+        return acc;
+    }
+
     // Inlined into sampleRow: a colour returned through the stack per pixel cost a third of E7.
-    [[gnu::always_inline]] inline Color sample(double x, double y) const {
+    [[gnu::always_inline]] inline Color sample(double x, double y, TileCache& cache) const {
         const double tx = x * _toTexelX[0] + y * _toTexelX[1] + _toTexelX[2];
         const double ty = x * _toTexelY[0] + y * _toTexelY[1] + _toTexelY[2];
-        if (!reachesImage(tx, _pixels.xMin, _pixels.xMax, _params.wrapModeS) ||
-            !reachesImage(ty, _pixels.yMin, _pixels.yMax, _params.wrapModeT))
-            return Color::ZERO;
-        const double cx = snapTexel(onAxis(tx, _pixels.xMin, _pixels.xMax, _params.wrapModeS));
-        const double cy = snapTexel(onAxis(ty, _pixels.yMin, _pixels.yMax, _params.wrapModeT));
-        if (_params.filterMode != 1) return texel(floorToInt(cx + 0.5), floorToInt(cy + 0.5));
-        const int x0 = floorToInt(cx), y0 = floorToInt(cy);
-        const float fx = float(cx - double(x0)), fy = float(cy - double(y0));
+        const Axis ax = axis(tx, _pixels.xMin, _pixels.xMax, _params.wrapModeS);
+        const Axis ay = axis(ty, _pixels.yMin, _pixels.yMax, _params.wrapModeT);
+        if (!ax.reaches || !ay.reaches) return Color::ZERO;
+        return filter(ax, ay, cache);
+    }
+
+    [[gnu::always_inline]] inline Color filter(const Axis& ax, const Axis& ay, TileCache& cache) const {
+        if (_params.filterMode != 1) return texel(floorToInt(ax.c + 0.5), floorToInt(ay.c + 0.5));
+        const int x0 = ax.first, y0 = ay.first;
+        const float fx = ax.weight, fy = ay.weight;
         // Taps of weight zero are skipped, so that a sample on a pixel centre is that pixel
         // exactly even beside an infinite or NaN neighbour.
         const Color* below = nullptr;
         const Color* above = nullptr;
-        if (footprintInOneTile(x0, y0, below, above)) {
-            // The usual case, without the per-tap checks of texel: the same four pixels.
-            Color acc = below[0] * ((1.0f - fx) * (1.0f - fy));
-            if (fx != 0.0f) acc = acc + below[1] * (fx * (1.0f - fy));
-            if (fy != 0.0f) acc = acc + above[0] * ((1.0f - fx) * fy);
-            if (fx != 0.0f && fy != 0.0f) acc = acc + above[1] * (fx * fy);
-            return acc;
-        }
+        // The usual case, without the per-tap checks of texel: the same four pixels.
+        if (footprintInOneTile(x0, y0, below, above, cache)) return bilinear(below, above, fx, fy);
         Color acc = texel(x0, y0) * ((1.0f - fx) * (1.0f - fy));
         if (fx != 0.0f) acc = acc + texel(x0 + 1, y0) * (fx * (1.0f - fy));
         if (fy != 0.0f) acc = acc + texel(x0, y0 + 1) * ((1.0f - fx) * fy);
@@ -132,11 +307,12 @@ private:
 
     // True when pixels (x0, y0) to (x0 + 1, y0 + 1) all lie inside the image and inside one
     // fetched tile, whose rows y0 and y0 + 1 then start at `below` and `above` (at column x0).
-    bool footprintInOneTile(int x0, int y0, const Color*& below, const Color*& above) const {
+    bool footprintInOneTile(int x0, int y0, const Color*& below, const Color*& above, TileCache& cache) const {
         if (x0 < _pixels.xMin || x0 + 1 >= _pixels.xMax || y0 < _pixels.yMin || y0 + 1 >= _pixels.yMax) return false;
         const int i = floorDiv(x0, kTileWidth), j = floorDiv(y0, kTileHeight);
         if (floorDiv(x0 + 1, kTileWidth) != i || floorDiv(y0 + 1, kTileHeight) != j) return false;
-        const IxTile& tile = tileAt(i, j);
+        if (!cache.tile || cache.i != i || cache.j != j) cache = {i, j, &tileAt(i, j)};
+        const IxTile& tile = *cache.tile;
         const GeRectangle<int>& r = tile.getRect();
         if (x0 < r.xMin || x0 + 1 >= r.xMax || y0 < r.yMin || y0 + 1 >= r.yMax) return false;
         below = tile.row(y0) + (x0 - r.xMin);
@@ -228,6 +404,11 @@ private:
     GeRectangle<int> _pixels;  // the image at the context's scale
     double _toTexelX[3] = {1, 0, 0};  // tx = x * [0] + y * [1] + [2]
     double _toTexelY[3] = {0, 1, 0};
+    bool _identity = false;  // texel coordinates are the positions themselves
+    // The filter's weight of a tap on a pixel centre, 1, as a value the compiler cannot see: the
+    // filter multiplies by its weights at run time, which changes a signalling NaN's bits, and a
+    // neighbourhood read must give the filter's bits.
+    float _unitWeight = 1.0f;
     int _tileX0 = 0, _tileY0 = 0, _tilesX = 0, _tilesY = 0;
     mutable std::vector<RCShdPtr<IxTile>> _tiles;
 };

@@ -68,8 +68,11 @@ void PxTileRenderer::render(const PxImageProtocol& node, const GeRectangle<int>&
     auto lastReport = std::chrono::steady_clock::now();
     if (_progress) _progress(0, total);
 
+    // Tiles may be made over the image's own rows (PxTileDestination): their rows need no copy.
+    const PxTileDestination frame{image.pixels.data(), rect.width(), rect};
     auto renderTile = [&](std::size_t i) {
         PxImageContext tileContext = context;
+        tileContext.destination = &frame;
         tileContext.tileX = tx0 + int(i % columns);
         tileContext.tileY = ty0 + int(i / columns);
         const PxImageResult result = node.getImage(tileContext);
@@ -77,18 +80,19 @@ void PxTileRenderer::render(const PxImageProtocol& node, const GeRectangle<int>&
         const IxTile& tile = *result.getTile();
         const GeRectangle<int>& r = tile.getRect();
         // The grid cell's part of `rect`: the tile's pixels where it has them, transparent black
-        // elsewhere.
+        // elsewhere. A tile made over the image's own rows is already in place.
         const GeRectangle<int> cell = convertTilesToCell(tileContext);
         const int cx0 = std::max(cell.xMin, rect.xMin), cx1 = std::min(cell.xMax, rect.xMax);
         const int x0 = std::clamp(r.xMin, cx0, cx1), x1 = std::clamp(r.xMax, x0, cx1);
         for (int y = std::max(cell.yMin, rect.yMin); y < std::min(cell.yMax, rect.yMax); ++y) {
-            const auto out = image.pixels.begin() + std::ptrdiff_t(y - rect.yMin) * rect.width() - rect.xMin;
+            Color* const out = frame.at(0, y);
             if (y < r.yMin || y >= r.yMax || x0 == x1) {
                 std::fill(out + cx0, out + cx1, Color::ZERO);
                 continue;
             }
             std::fill(out + cx0, out + x0, Color::ZERO);
-            std::copy(tile.row(y) + (x0 - r.xMin), tile.row(y) + (x1 - r.xMin), out + x0);
+            if (tile.row(y) + (x0 - r.xMin) != out + x0)
+                std::copy(tile.row(y) + (x0 - r.xMin), tile.row(y) + (x1 - r.xMin), out + x0);
             std::fill(out + x1, out + cx1, Color::ZERO);
         }
         {

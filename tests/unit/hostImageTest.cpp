@@ -8,7 +8,9 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <functional>
 #include <random>
+#include <string>
 
 #include "kelEvalTestSupport.h"
 
@@ -202,36 +204,71 @@ TEST(HostSampler, NearestAndClampModes) {
     EXPECT_EQ(sampleAt(*clamp, 1e300, 1e300), Color(3, 3, 0, 1));
 }
 
-// sampleRow gives sampleAt's bits across the sampler's tile borders, outside the image, at NaN
-// and infinite positions, in both filter and wrap modes, and leaves inactive columns alone.
-TEST(HostSampler, TheRowPathGivesTheBitsOfSampleAt) {
-    constexpr int kWidth = 300, kHeight = 40, lo = -5, hi = 600;
-    std::mt19937 rng(5);
-    std::uniform_real_distribution<float> d(-2.0f, 2.0f);
-    const auto image = memoryImage(kWidth, kHeight, [&](int, int) { return Color(d(rng), d(rng), d(rng), d(rng)); });
-    std::vector<float> xs(hi - lo), ys(hi - lo), active(hi - lo);
+// sampleRow gives sampleAt's bits, and leaves inactive columns alone, on every kind of row its
+// fast paths look for: random positions (NaN and infinite ones among them), positions one pixel
+// apart at whole coordinates shifted across the image's edges and the sampler's tile borders (a
+// neighbourhood read), and rows that share one y (a warp); at two scales, in both filter modes
+// and every wrap mode. Infinite and signalling NaN pixels come out as the filter's multiply
+// gives them.
+TEST(HostSampler, TheRowPathsGiveTheBitsOfSampleAt) {
+    constexpr int kWidth = 300, kHeight = 40, lo = -9, hi = 600;
+    constexpr std::size_t n = hi - lo;
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<float> value(-2.0f, 2.0f), jitter(-0.7f, 0.7f);
+    const auto image = memoryImage(kWidth, kHeight, [&](int x, int y) {
+        Color c(value(rng), value(rng), value(rng), value(rng));
+        if ((x + 3 * y) % 37 == 0) c.g = std::numeric_limits<float>::infinity();
+        if ((2 * x + y) % 41 == 0) c.b = std::numeric_limits<float>::signaling_NaN();
+        return c;
+    });
     std::uniform_real_distribution<float> px(-3.0f, kWidth + 3.0f), py(-3.0f, kHeight + 3.0f);
-    for (std::size_t i = 0; i < xs.size(); ++i) {
-        xs[i] = i % 7 == 0 ? std::floor(px(rng)) : px(rng);
-        ys[i] = py(rng);
-        active[i] = i % 5 == 0 ? 0.0f : 1.0f;
+    std::vector<float> randomXs(n), randomYs(n), warp(n), active(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        randomXs[i] = i % 7 == 0 ? std::floor(px(rng)) : px(rng);
+        randomYs[i] = py(rng);
+        warp[i] = jitter(rng);
+        active[i] = (i / 13) % 3 == 0 ? 0.0f : 1.0f;
     }
-    xs[3] = std::numeric_limits<float>::quiet_NaN();
-    ys[4] = std::numeric_limits<float>::infinity();
-    xs[5] = -std::numeric_limits<float>::infinity();
-    for (int filter : {0, 1})
-        for (int wrap : {0, 1}) {
-            const auto sampler = samplerOf(image, 0, filter, wrap);
-            const Color untouched(-7, -7, -7, -7);
-            std::vector<Color> whole(xs.size(), untouched), masked(xs.size(), untouched);
-            sampler->sampleRow(whole.data() - lo, xs.data() - lo, ys.data() - lo, nullptr, lo, hi);
-            sampler->sampleRow(masked.data() - lo, xs.data() - lo, ys.data() - lo, active.data() - lo, lo, hi);
-            for (std::size_t i = 0; i < xs.size(); ++i) {
-                const Color expected = sampleAt(*sampler, double(xs[i]), double(ys[i]));
-                EXPECT_TRUE(sameBits(whole[i], expected)) << "filter " << filter << " wrap " << wrap << " column " << i;
-                EXPECT_TRUE(sameBits(masked[i], active[i] != 0.0f ? expected : untouched)) << "masked column " << i;
+    randomXs[3] = std::numeric_limits<float>::quiet_NaN();
+    randomYs[4] = std::numeric_limits<float>::infinity();
+    randomXs[5] = -std::numeric_limits<float>::infinity();
+    const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+    const struct {
+        const char* name;
+        std::function<float(int)> x;  // of the column
+        float y;                      // NaN: the random rows
+    } rows[] = {
+        {"random", [&](int x) { return randomXs[std::size_t(x - lo)]; }, nan},
+        {"shifted right, across tiles", [](int x) { return float(x + 3); }, 17.0f},
+        {"shifted left, first row", [](int x) { return float(x - 250); }, 0.0f},
+        {"last row", [](int x) { return float(x); }, float(kHeight - 1)},
+        {"below the image", [](int x) { return float(x); }, -1.0f},
+        {"above the image", [](int x) { return float(x + 1); }, float(kHeight)},
+        {"one y, between pixels", [&](int x) { return float(x) + warp[std::size_t(x - lo)]; }, 15.5f},
+        {"one y, on a pixel row", [&](int x) { return float(x) * 0.75f + warp[std::size_t(x - lo)]; }, 31.0f},
+        {"one y, infinite x", [&](int x) { return x % 5 ? float(x) : inf; }, 3.25f},
+    };
+    for (int scaleLevel : {0, 1})
+        for (int filter : {0, 1})
+            for (int wrap : {0, 1, 2, 3}) {
+                const auto sampler = samplerOf(image, scaleLevel, filter, wrap);
+                for (const auto& row : rows) {
+                    SCOPED_TRACE(std::string(row.name) + ", scale " + std::to_string(scaleLevel) + " filter " +
+                                 std::to_string(filter) + " wrap " + std::to_string(wrap));
+                    std::vector<float> xs(n), ys(n, row.y);
+                    for (int x = lo; x < hi; ++x) xs[std::size_t(x - lo)] = row.x(x);
+                    if (std::isnan(row.y)) ys = randomYs;
+                    const Color untouched(-7, -7, -7, -7);
+                    std::vector<Color> whole(n, untouched), masked(n, untouched);
+                    sampler->sampleRow(whole.data() - lo, xs.data() - lo, ys.data() - lo, nullptr, lo, hi);
+                    sampler->sampleRow(masked.data() - lo, xs.data() - lo, ys.data() - lo, active.data() - lo, lo, hi);
+                    for (std::size_t i = 0; i < n; ++i) {
+                        const Color expected = sampleAt(*sampler, double(xs[i]), double(ys[i]));
+                        ASSERT_TRUE(sameBits(whole[i], expected)) << "column " << int(i) + lo;
+                        ASSERT_TRUE(sameBits(masked[i], active[i] != 0.0f ? expected : untouched)) << "masked column " << int(i) + lo;
+                    }
+                }
             }
-        }
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 #include "kelContext.h"
 
 #include <algorithm>
+#include "kelProgram.h"
+
 #include <bit>
 #include <cstdio>
 
@@ -42,8 +44,10 @@ KelType<T>::KelType(KelContext* context, int id, int writable, const T& fill) : 
     setUniform(true);
 }
 
+// A value that was lent a row (the current pixel of an image) gives it back with the value.
 template <class T>
 void KelType<T>::recycle(int id, KelContext* context) {
+    _scanline.reclaim();
     context->freeIds(KelTypeTraits<T>::type).insert(id);
 }
 
@@ -265,6 +269,13 @@ KelMask& KelContext::pushSavedMask() {
     if (_savedDepth == _savedMasks.size()) _savedMasks.push_back(std::make_unique<KelMask>(_mask));
     else *_savedMasks[_savedDepth] = _mask;
     return *_savedMasks[_savedDepth++];
+}
+
+KelProgramRun& KelContext::programRun(int index, const KelProgram& program) {
+    if (_programRuns.size() <= std::size_t(index)) _programRuns.resize(std::size_t(index) + 1);
+    std::unique_ptr<KelProgramRun>& run = _programRuns[std::size_t(index)];
+    if (!run) run = std::make_unique<KelProgramRun>(program, *this);
+    return *run;
 }
 
 void KelContext::raiseError(const std::string& message, int line, const PebSourcePosition& position) {

@@ -20,6 +20,8 @@
 namespace Zt {
 
 class KelContext;
+class KelProgram;
+class KelProgramRun;
 
 // Type numbers of PebInterpreterTypes (1 float, 3 image, 4 colour); 5 is void in the catalogue.
 struct KelValueTypes : PebInterpreterTypes {
@@ -52,6 +54,8 @@ protected:
 
 private:
     friend class KelContext;
+class KelProgram;
+class KelProgramRun;
     int32_t _refCount = 0;
     KelContext* _context;
     int32_t _writable;
@@ -262,6 +266,10 @@ public:
     KelMask& pushSavedMask();
     void popSavedMask() { --_savedDepth; }
 
+    // Program `index` of the tree bound to this context (kelProgram.h): made at its first run
+    // here, kept for the rows that follow.
+    KelProgramRun& programRun(int index, const KelProgram& program);
+
 private:
     template <class V, class... Fill>
     RCShdPtr<V> issue(KelIdSet& freeSet, int writable, const Fill&... fill);
@@ -282,6 +290,7 @@ private:
     // The reusable copies that KelSavedMask hands out.
     std::vector<std::unique_ptr<KelMask>> _savedMasks;
     std::size_t _savedDepth = 0;
+    std::vector<std::unique_ptr<KelProgramRun>> _programRuns;
 };
 
 // Control flow copies the mask on entry and restores it on exit. The copies live in a stack of

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "kelGraph.h"
+#include "kelProgram.h"
 
 namespace Zt {
 
@@ -28,6 +29,9 @@ inline GeInterval<int> kelComputedColumns(KelContext& context) {
     const GeInterval<int>* span = context.getMask().activeSpan();
     return span ? *span : context.getInterval();
 }
+// The strip form of a built-in whose arguments are all values: the arguments first to last,
+// then `kernel` over them (KelFunction::rows, the same code that its `eval` runs over the row).
+int kelCompileCall(const FunctionCallNode& node, KelProgramBuilder& program, KelRowKernel kernel, int resultType);
 
 // ---- Math ---------------------------------------------------------------------------------------
 
@@ -37,6 +41,8 @@ template <class Op>
 struct KelMathFunction {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 
 // The per-pixel formulas, defined in kelFunctionsMath.cpp.
@@ -81,6 +87,8 @@ template <int Channel>
 struct KelChannelReader {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 // `setR` .. `setA` (and `setX` .. `setW`): writes the channel of its first argument in place at
 // the active columns, and returns nothing (void, type 5).
@@ -103,12 +111,16 @@ using FunctionSetA = KelChannelSetter<3>;
 struct FunctionNewColor {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 
 // `dot(p, q)`: four-channel dot product at the active columns; inactive columns stay 0.0.
 struct FunctionDot {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 
 // A float of a colour's red, green and blue (`Q::apply`), over the active span of the mask:
@@ -166,6 +178,9 @@ struct FunctionIsSame {
 struct FunctionSample {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    // An input image's current pixel is its row; sampling at coordinates goes through its sampler.
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 
 // `sampleClamp`, `sampleWrap`, `sampleMirror` (image, x, y): overload 0 of `sample` through the
@@ -208,6 +223,8 @@ using FunctionSaturate = KelShapingFunction<KelShapingOps::Saturate>;
 struct FunctionNoise3D {
     static void declare(FunctionCallNode& node);
     static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+    static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
+    static void rows(const KelRowCall& call);
 };
 
 // `rand()`: at each active column a number from 0 to 32767 that depends only on the seed, the

@@ -18,6 +18,15 @@ void kelDeclareOverload(FunctionCallNode& node, int overload, int returnType, st
     node.setReturnType(overload, returnType);
 }
 
+int kelCompileCall(const FunctionCallNode& node, KelProgramBuilder& program, KelRowKernel kernel, int resultType) {
+    std::vector<int> arguments;
+    for (std::size_t i = 0; i < node.argumentCount(); ++i) {
+        arguments.push_back(node.argument(i)->compile(program));
+        if (arguments.back() < 0) return KelProgramBuilder::kFails;
+    }
+    return program.call(kernel, resultType, arguments);
+}
+
 namespace {
 
 // A script name as a template argument, so that each name gets a factory of its own even when

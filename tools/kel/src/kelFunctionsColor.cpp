@@ -50,12 +50,27 @@ void KelChannelReader<Channel>::declare(FunctionCallNode& node) {
 
 // All columns are written, active or not.
 template <int Channel>
+void KelChannelReader<Channel>::rows(const KelRowCall& call) {
+    IxScanlineUtil::extractChannel(*static_cast<IxScanline<float>*>(call.result), Channel,
+                                   *static_cast<const IxScanline<Color>*>(call.arguments[0]), IxScanlineUtilTypes::NoInvert,
+                                   &call.columns);
+}
+
+template <int Channel>
 RCShdPtr<KelValue> KelChannelReader<Channel>::eval(const FunctionCallNode& node, KelContext& context) {
     KelColorPtr colour = evalColor(node, 0, context);
     KelFloatPtr result = context.newFloat(0);
-    IxScanlineUtil::extractChannel(result->getScanline(), Channel, colour->getScanline(), IxScanlineUtilTypes::NoInvert,
-                                   nullptr);
+    KelRowCall call;
+    call.result = &result->getScanline();
+    call.arguments[0] = &colour->getScanline();
+    call.columns = context.getInterval();
+    rows(call);
     return result;
+}
+
+template <int Channel>
+int KelChannelReader<Channel>::compile(const FunctionCallNode& node, KelProgramBuilder& program) {
+    return kelCompileCall(node, program, &rows, KelValueTypes::Float);
 }
 
 template <int Channel>
@@ -88,24 +103,47 @@ void FunctionNewColor::declare(FunctionCallNode& node) {
                        {KelValueTypes::Float, KelValueTypes::Float, KelValueTypes::Float, KelValueTypes::Float});
 }
 
+// All columns, active or not.
+void FunctionNewColor::rows(const KelRowCall& call) {
+    auto channel = [&](int i) { return static_cast<const IxScanline<float>*>(call.arguments[i])->data(); };
+    interleave(static_cast<IxScanline<Color>*>(call.result)->data(), channel(0), channel(1), channel(2), channel(3),
+               call.columns.min, call.columns.max);
+}
+
 RCShdPtr<KelValue> FunctionNewColor::eval(const FunctionCallNode& node, KelContext& context) {
-    KelFloatPtr red = evalFloat(node, 0, context);
-    KelFloatPtr green = evalFloat(node, 1, context);
-    KelFloatPtr blue = evalFloat(node, 2, context);
-    KelFloatPtr alpha = evalFloat(node, 3, context);
+    KelFloatPtr channels[4];
+    KelRowCall call;
+    for (int i = 0; i < 4; ++i) {
+        channels[i] = evalFloat(node, std::size_t(i), context);
+        call.arguments[i] = &channels[i]->getScanline();
+    }
     KelColorPtr result = context.newColor(0);
-    IxScanline<Color>& out = result->getScanline();
-    Color* d = out.data();
-    const float* r = red->getScanline().data();
-    const float* g = green->getScanline().data();
-    const float* b = blue->getScanline().data();
-    const float* a = alpha->getScanline().data();
-    interleave(d, r, g, b, a, out.minimum(), out.maximum());
+    call.result = &result->getScanline();
+    call.columns = context.getInterval();
+    rows(call);
     return result;
+}
+
+int FunctionNewColor::compile(const FunctionCallNode& node, KelProgramBuilder& program) {
+    return kelCompileCall(node, program, &rows, KelValueTypes::Color);
 }
 
 void FunctionDot::declare(FunctionCallNode& node) {
     kelDeclareOverload(node, 0, KelValueTypes::Float, {KelValueTypes::Color, KelValueTypes::Color});
+}
+
+// At the active columns.
+void FunctionDot::rows(const KelRowCall& call) {
+    float* d = static_cast<IxScanline<float>*>(call.result)->data();
+    const Color* p = static_cast<const IxScanline<Color>*>(call.arguments[0])->data();
+    const Color* q = static_cast<const IxScanline<Color>*>(call.arguments[1])->data();
+    if (!call.active) {
+        for (int x = call.columns.min; x < call.columns.max; ++x) d[x] = dot4(p[x], q[x]);
+    } else {
+        const float* m = call.active->data();
+        for (int x = call.columns.min; x < call.columns.max; ++x)
+            if (m[x] != 0.0f) d[x] = dot4(p[x], q[x]);
+    }
 }
 
 // From newConstantFloat(0.0, 0), so that inactive columns hold 0.0; the result keeps the
@@ -114,20 +152,20 @@ RCShdPtr<KelValue> FunctionDot::eval(const FunctionCallNode& node, KelContext& c
     KelColorPtr left = evalColor(node, 0, context);
     KelColorPtr right = evalColor(node, 1, context);
     KelFloatPtr result = context.newConstantFloat(0.0f, 0);
-    IxScanline<float>& out = result->getScanline();
-    float* d = out.data();
-    const Color* p = left->getScanline().data();
-    const Color* q = right->getScanline().data();
-    const KelMask& mask = context.getMask();
-    if (mask.allActive()) {
-        for (int x = out.minimum(); x < out.maximum(); ++x) d[x] = dot4(p[x], q[x]);
-    } else {
-        const float* m = mask.getScanline().data();
-        for (int x = out.minimum(); x < out.maximum(); ++x)
-            if (m[x] != 0.0f) d[x] = dot4(p[x], q[x]);
-    }
+    KelRowCall call;
+    call.result = &result->getScanline();
+    call.arguments[0] = &left->getScanline();
+    call.arguments[1] = &right->getScanline();
+    call.active = context.getMask().activeScanline();
+    call.columns = context.getInterval();
+    rows(call);
     return result;
 }
+
+int FunctionDot::compile(const FunctionCallNode& node, KelProgramBuilder& program) {
+    return kelCompileCall(node, program, &rows, KelValueTypes::Float);
+}
+
 
 // ---- Measures of a colour's red, green and blue ------------------------------------------------
 

@@ -122,29 +122,44 @@ void KelMathFunction<Op>::declare(FunctionCallNode& node) {
         kelDeclareOverload(node, 0, KelValueTypes::Float, {KelValueTypes::Float, KelValueTypes::Float});
 }
 
+// Over the call's columns, at its active columns (a row function computes them all).
+template <class Op>
+void KelMathFunction<Op>::rows(const KelRowCall& call) {
+    constexpr std::size_t N = arityOf<Op>();
+    std::array<const float*, N> arguments;
+    for (std::size_t i = 0; i < N; ++i) arguments[i] = static_cast<const IxScanline<float>*>(call.arguments[i])->data();
+    float* d = static_cast<IxScanline<float>*>(call.result)->data();
+    const int lo = call.columns.min, hi = call.columns.max;
+    if constexpr (hasRowFunction<Op>()) {
+        if (!call.active) applyRow<Op>(d, arguments, lo, hi);
+        else applyRowMasked<Op>(d, arguments, call.active->data(), lo, hi);
+    } else {
+        if (!call.active) applyAll<Op>(d, arguments, lo, hi);
+        else applyMasked<Op>(d, arguments, call.active->data(), lo, hi);
+    }
+}
+
 template <class Op>
 RCShdPtr<KelValue> KelMathFunction<Op>::eval(const FunctionCallNode& node, KelContext& context) {
     constexpr std::size_t N = arityOf<Op>();
     // Held until the end, so that the result is always another object of the pool.
     std::array<KelFloatPtr, N> args;
-    std::array<const float*, N> rows;
+    KelRowCall call;
     for (std::size_t i = 0; i < N; ++i) {
         args[i] = rcStaticCast<KelFloat>(node.argument(i)->eval(context));
-        rows[i] = args[i]->getScanline().data();
+        call.arguments[i] = &args[i]->getScanline();
     }
     KelFloatPtr result = context.newFloat(0);
-    IxScanline<float>& out = result->getScanline();
-    const KelMask& mask = context.getMask();
-    if constexpr (hasRowFunction<Op>()) {
-        if (mask.allActive()) applyRow<Op>(out.data(), rows, out.minimum(), out.maximum());
-        else applyRowMasked<Op>(out.data(), rows, mask.getScanline().data(), out.minimum(), out.maximum());
-        return result;
-    }
-    if (mask.allActive())
-        applyAll<Op>(out.data(), rows, out.minimum(), out.maximum());
-    else
-        applyMasked<Op>(out.data(), rows, mask.getScanline().data(), out.minimum(), out.maximum());
+    call.result = &result->getScanline();
+    call.active = context.getMask().activeScanline();
+    call.columns = context.getInterval();
+    rows(call);
     return result;
+}
+
+template <class Op>
+int KelMathFunction<Op>::compile(const FunctionCallNode& node, KelProgramBuilder& program) {
+    return kelCompileCall(node, program, &rows, KelValueTypes::Float);
 }
 
 template struct KelMathFunction<KelMathOps::Sin>;

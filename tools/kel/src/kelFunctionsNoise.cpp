@@ -138,18 +138,29 @@ void FunctionNoise3D::declare(FunctionCallNode& node) {
 }
 
 // Every column, active or not: the mask plays no part.
+void FunctionNoise3D::rows(const KelRowCall& call) {
+    float* d = static_cast<IxScanline<float>*>(call.result)->data();
+    auto row = [&](int i) { return static_cast<const IxScanline<float>*>(call.arguments[i])->data(); };
+    const float *px = row(0), *py = row(1), *pz = row(2);
+    for (int x = call.columns.min; x < call.columns.max; ++x) d[x] = KelNoise::noise(px[x], py[x], pz[x]);
+}
+
 RCShdPtr<KelValue> FunctionNoise3D::eval(const FunctionCallNode& node, KelContext& context) {
-    KelFloatPtr xs = rcStaticCast<KelFloat>(node.argument(0)->eval(context));
-    KelFloatPtr ys = rcStaticCast<KelFloat>(node.argument(1)->eval(context));
-    KelFloatPtr zs = rcStaticCast<KelFloat>(node.argument(2)->eval(context));
+    KelFloatPtr arguments[3];
+    KelRowCall call;
+    for (int i = 0; i < 3; ++i) {
+        arguments[i] = rcStaticCast<KelFloat>(node.argument(std::size_t(i))->eval(context));
+        call.arguments[i] = &arguments[i]->getScanline();
+    }
     KelFloatPtr result = context.newFloat(0);
-    IxScanline<float>& out = result->getScanline();
-    float* d = out.data();
-    const float* px = xs->getScanline().data();
-    const float* py = ys->getScanline().data();
-    const float* pz = zs->getScanline().data();
-    for (int x = out.minimum(); x < out.maximum(); ++x) d[x] = KelNoise::noise(px[x], py[x], pz[x]);
+    call.result = &result->getScanline();
+    call.columns = context.getInterval();
+    rows(call);
     return result;
+}
+
+int FunctionNoise3D::compile(const FunctionCallNode& node, KelProgramBuilder& program) {
+    return kelCompileCall(node, program, &rows, KelValueTypes::Float);
 }
 
 void FunctionRand::declare(FunctionCallNode& node) { kelDeclareOverload(node, 0, KelValueTypes::Float, {}); }

@@ -30,7 +30,7 @@ RCShdPtr<KelValue> sampleAtCoordinates(const FunctionCallNode& node, KelContext&
     const KelMask& mask = context.getMask();
     const float* ids = image->getScanline().data();
     if (image->isUniform() && out.minimum() < out.maximum()) {
-        // One image for the whole row: its sampler takes the row at once (issue 8).
+        // One image for the whole row: its sampler takes the row at once.
         const KelImageEntry& entry = context.getImage(imageId(ids[out.minimum()]));
         const IxScanline<float>* active = mask.activeScanline();
         if (const auto& sampler = entry.samplerFor(edge)) {
@@ -55,7 +55,8 @@ RCShdPtr<KelValue> sampleAtCoordinates(const FunctionCallNode& node, KelContext&
     return result;
 }
 
-// Overload 1: all columns; a uniform image value is one `copy` of its entry's row.
+// Overload 1: all columns. A uniform image value is its entry's row itself, lent to the result
+// (a temporary, which nothing writes) instead of copied.
 RCShdPtr<KelValue> sampleCurrentPixel(const FunctionCallNode& node, KelContext& context) {
     KelImagePtr image = rcStaticCast<KelImage>(node.argument(0)->eval(context));
     KelColorPtr result = context.newColor(0);
@@ -63,7 +64,7 @@ RCShdPtr<KelValue> sampleCurrentPixel(const FunctionCallNode& node, KelContext& 
     if (out.minimum() >= out.maximum()) return result;
     const float* ids = image->getScanline().data();
     if (image->isUniform()) {
-        IxScanlineUtil::copy(out, *context.getImage(imageId(ids[out.minimum()])).scanline, nullptr);
+        out.lend(context.getImage(imageId(ids[out.minimum()])).scanline->begin());
         return result;
     }
     for (int x = out.minimum(); x < out.maximum(); ++x) out.data()[x] = context.getImage(imageId(ids[x])).scanline->data()[x];
@@ -71,6 +72,32 @@ RCShdPtr<KelValue> sampleCurrentPixel(const FunctionCallNode& node, KelContext& 
 }
 
 }  // namespace
+
+// Sampling of one image at coordinates, over the call's columns; inactive columns are not
+// written. An entry without sampler gives opaque black.
+void FunctionSample::rows(const KelRowCall& call) {
+    Zt::Color* out = static_cast<IxScanline<Zt::Color>*>(call.result)->data();
+    const float* active = call.active ? call.active->data() : nullptr;
+    const KelImageEntry& entry = *call.image;
+    if (entry.sampler) {
+        entry.sampler->sampleRow(out, static_cast<const IxScanline<float>*>(call.arguments[0])->data(),
+                                 static_cast<const IxScanline<float>*>(call.arguments[1])->data(), active, call.columns.min,
+                                 call.columns.max);
+        return;
+    }
+    for (int x = call.columns.min; x < call.columns.max; ++x)
+        if (!active || active[x] != 0.0f) out[x] = kOpaqueBlack;
+}
+
+int FunctionSample::compile(const FunctionCallNode& node, KelProgramBuilder& program) {
+    const int image = node.argument(0)->compile(program);
+    if (image < 0) return KelProgramBuilder::kFails;
+    if (node.overload() == 1) return program.currentPixel(image);
+    const int xs = node.argument(1)->compile(program);
+    const int ys = xs < 0 ? xs : node.argument(2)->compile(program);
+    if (ys < 0) return KelProgramBuilder::kFails;
+    return program.call(&rows, KelValueTypes::Color, {xs, ys}, image);
+}
 
 // (image, float, float) and (image), both colour; the wrap finds the second.
 void FunctionSample::declare(FunctionCallNode& node) {

@@ -72,6 +72,10 @@ void FunctionDeclarationNode::print(std::ostream& out) const {
 // The interpreter has set the parameters' variables before this runs.
 RCShdPtr<KelValue> FunctionDeclarationNode::eval(KelContext& context) const { return _body->eval(context); }
 
+void FunctionDeclarationNode::fuse(KelFusion& fusion) { _body->fuse(fusion); }
+
+bool FunctionDeclarationNode::writesBeforeReading(int variable) const { return _body->writesBeforeReading(variable); }
+
 // No scope of its own: the parameters land in the open one, the body's block opens the next.
 RCShdPtr<KelValue> FunctionDeclarationNode::check(KelContext& context) {
     for (const KelParameterPtr& parameter : _parameters) parameter->check(context);

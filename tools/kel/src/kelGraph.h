@@ -1,11 +1,14 @@
 // The syntax tree; the node classes below are this header's table of contents. Control flow is
 // in kelGraphControl.cpp, operators and their table in kelGraphOperators.cpp, assignment,
-// variables and literals in kelGraphVariables.cpp, declarations and calls in kelGraph.cpp. A
-// node keeps `print`, `check` and `eval` together. `check` may rewrite the tree (the implicit `sample` wrap); `eval` never writes to a
-// node, so one checked tree is shared by all tile threads.
+// variables and literals in kelGraphVariables.cpp, declarations and calls in kelGraph.cpp, runs
+// of statements compiled into programs of strips in kelGraphFused.cpp. A node keeps `print`,
+// `check`, `eval` and `compile` together. `check` may rewrite the tree (the implicit `sample`
+// wrap), and `fuse`, after it, replaces runs of statements by their program; `eval` never
+// writes to a node, so one checked tree is shared by all tile threads.
 #pragma once
 
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,6 +18,9 @@ namespace Zt {
 
 class KelSyntaxTree;
 class StatementBlockNode;
+class KelProgram;
+class KelProgramBuilder;
+struct KelFusion;
 class ParameterNode;
 using KelNodePtr = RCShdPtr<KelSyntaxTree>;
 
@@ -68,6 +74,15 @@ public:
     void print() const { print(std::cout); }
     virtual RCShdPtr<KelValue> eval(KelContext& context) const { return nullptr; }
     virtual RCShdPtr<KelValue> check(KelContext& context) { return nullptr; }
+    // Adds the node to a program of strips (kelProgram.h), after the check: an expression gives
+    // the slot of its value, a statement KelProgramBuilder::kNoValue. A node that has no strip
+    // form gives kFails (-1), and its statement stays in the tree walk.
+    virtual int compile(KelProgramBuilder& program) const { return -1; }
+    // Replaces the runs of statements that compile, in the blocks under this node, by programs.
+    virtual void fuse(KelFusion& fusion) {}
+    // True when, run as a row starts, the node stores into every column of the variable before
+    // reading it: the row's starting contents cannot show (the output need not be reset).
+    virtual bool writesBeforeReading(int variable) const { return false; }
     int line() const { return _line; }
     // The token this node names (its name, operator or keyword), where its errors point; the
     // parser sets it, and a node made otherwise has none (0, 0).
@@ -89,11 +104,33 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    int compile(KelProgramBuilder& program) const override;
+    void fuse(KelFusion& fusion) override;
+    bool writesBeforeReading(int variable) const override;
 
 private:
     std::vector<KelNodePtr> _statements;
 };
 using KelBlockPtr = RCShdPtr<StatementBlockNode>;
+
+// A run of statements of one block and the program they compiled into (kelProgram.h). It
+// evaluates as the statements would, through the program when the tile's context can bind it
+// and through the statements otherwise, and it prints as they do.
+class FusedStatementsNode : public KelSyntaxTree {
+public:
+    FusedStatementsNode(std::vector<KelNodePtr> statements, std::unique_ptr<KelProgram> program, int index);
+    ~FusedStatementsNode() override;
+    const KelProgram& program() const { return *_program; }
+    void print(std::ostream& out) const override;
+    RCShdPtr<KelValue> eval(KelContext& context) const override;
+    RCShdPtr<KelValue> check(KelContext& context) override;
+    bool writesBeforeReading(int variable) const override;
+
+private:
+    std::vector<KelNodePtr> _statements;
+    std::unique_ptr<KelProgram> _program;
+    int _index;  // of the program among the tree's: its binding's place in a context
+};
 
 class ForNode : public KelSyntaxTree {
 public:
@@ -106,6 +143,8 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    int compile(KelProgramBuilder& program) const override;
+    void fuse(KelFusion& fusion) override;
 
 private:
     KelNodePtr _init;
@@ -120,6 +159,8 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    int compile(KelProgramBuilder& program) const override;
+    void fuse(KelFusion& fusion) override;
 
 private:
     KelNodePtr _condition;
@@ -134,6 +175,8 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    int compile(KelProgramBuilder& program) const override;
+    void fuse(KelFusion& fusion) override;
 
 private:
     KelNodePtr _condition;
@@ -171,6 +214,8 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    void fuse(KelFusion& fusion) override;
+    bool writesBeforeReading(int variable) const override;
 
     std::vector<KelParameterPtr> _parameters;  // last declared first (the parser's stack order)
 
@@ -188,6 +233,7 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    int compile(KelProgramBuilder& program) const override;
 
 private:
     std::string _operator;
@@ -200,6 +246,7 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    int compile(KelProgramBuilder& program) const override;
 
 private:
     KelBinaryOp _op;
@@ -217,6 +264,7 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    int compile(KelProgramBuilder& program) const override;
 
 private:
     std::string _name;
@@ -233,6 +281,7 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    int compile(KelProgramBuilder& program) const override;
 
 private:
     std::string _typeName;
@@ -250,6 +299,7 @@ public:
     RCShdPtr<KelValue> check(KelContext& context) override;
     // Both halves name the declared variable.
     void setPosition(const PebSourcePosition& position) override;
+    int compile(KelProgramBuilder& program) const override;
 
 private:
     InitVarNode _init;
@@ -262,6 +312,7 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    int compile(KelProgramBuilder& program) const override;
 
 private:
     std::string _name;
@@ -274,6 +325,7 @@ public:
     void print(std::ostream& out) const override;
     RCShdPtr<KelValue> eval(KelContext& context) const override;
     RCShdPtr<KelValue> check(KelContext& context) override;
+    int compile(KelProgramBuilder& program) const override;
 
 private:
     float _value;
@@ -323,11 +375,19 @@ using KelCallPtr = RCShdPtr<FunctionCallNode>;
 // One class per built-in F (kelFunctions.h). F supplies the signature and the evaluation:
 //   static void declare(FunctionCallNode& node);   // addOverloadParameter / setReturnType
 //   static RCShdPtr<KelValue> eval(const FunctionCallNode& node, KelContext& context);
+// and, if it has a strip form, static int compile(const FunctionCallNode&, KelProgramBuilder&).
 template <class F>
 class FunctionNode : public FunctionCallNode {
 public:
     FunctionNode(const std::string& name, int line) : FunctionCallNode(name, line) { F::declare(*this); }
     RCShdPtr<KelValue> eval(KelContext& context) const override { return F::eval(*this, context); }
+    // F's strip form, when F has one: static int compile(const FunctionCallNode&, KelProgramBuilder&).
+    int compile(KelProgramBuilder& program) const override {
+        if constexpr (requires(KelProgramBuilder& p) { F::compile(*this, p); })
+            return F::compile(*this, program);
+        else
+            return -1;
+    }
 };
 
 // The implicit `sample` wrap: replaces `child` by sample(child) made at `line` and `position`,

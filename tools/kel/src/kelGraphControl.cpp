@@ -4,6 +4,8 @@
 // and the only general scope (a scope exists only during `check`).
 #include "kelGraph.h"
 
+#include "kelProgram.h"
+
 namespace Zt {
 
 namespace {
@@ -41,6 +43,15 @@ void StatementBlockNode::print(std::ostream& out) const {
 RCShdPtr<KelValue> StatementBlockNode::eval(KelContext& context) const {
     for (const KelNodePtr& statement : _statements) statement->eval(context);
     return nullptr;
+}
+
+int StatementBlockNode::compile(KelProgramBuilder& program) const {
+    for (const KelNodePtr& statement : _statements) {
+        const int value = statement->compile(program);
+        if (value == KelProgramBuilder::kFails) return KelProgramBuilder::kFails;
+        program.discard(value);
+    }
+    return KelProgramBuilder::kNoValue;
 }
 
 RCShdPtr<KelValue> StatementBlockNode::check(KelContext& context) {
@@ -90,6 +101,25 @@ RCShdPtr<KelValue> IfNode::eval(KelContext& context) const {
     return nullptr;
 }
 
+// Both masks are made from the condition before the `then` part runs.
+int IfNode::compile(KelProgramBuilder& program) const {
+    const int condition = _condition->compile(program);
+    if (condition < 0 || program.typeOf(condition) != Float) return KelProgramBuilder::kFails;
+    program.beginIf(condition);
+    if (_then->compile(program) == KelProgramBuilder::kFails) return KelProgramBuilder::kFails;
+    if (_else) {
+        program.beginElse();
+        if (_else->compile(program) == KelProgramBuilder::kFails) return KelProgramBuilder::kFails;
+    }
+    program.endIf();
+    return KelProgramBuilder::kNoValue;
+}
+
+void IfNode::fuse(KelFusion& fusion) {
+    _then->fuse(fusion);
+    if (_else) _else->fuse(fusion);
+}
+
 RCShdPtr<KelValue> IfNode::check(KelContext& context) {
     checkCondition(_condition, context, "If condition is not a float type", _line, _position);
     _then->check(context);
@@ -121,6 +151,18 @@ RCShdPtr<KelValue> WhileNode::eval(KelContext& context) const {
     context.setMask(saved.mask());
     return nullptr;
 }
+
+int WhileNode::compile(KelProgramBuilder& program) const {
+    program.beginLoop();
+    const int condition = _condition->compile(program);
+    if (condition < 0 || program.typeOf(condition) != Float) return KelProgramBuilder::kFails;
+    program.loopTest(condition);
+    if (_body->compile(program) == KelProgramBuilder::kFails) return KelProgramBuilder::kFails;
+    program.endLoop();
+    return KelProgramBuilder::kNoValue;
+}
+
+void WhileNode::fuse(KelFusion& fusion) { _body->fuse(fusion); }
 
 RCShdPtr<KelValue> WhileNode::check(KelContext& context) {
     checkCondition(_condition, context, "While condition is not a float type", _line, _position);
@@ -161,6 +203,30 @@ RCShdPtr<KelValue> ForNode::eval(KelContext& context) const {
     context.setMask(saved.mask());
     return nullptr;
 }
+
+// The initialisation before the loop, under the mask of the statement; the increment after the
+// body, under the loop's.
+int ForNode::compile(KelProgramBuilder& program) const {
+    if (_init) {
+        const int init = _init->compile(program);
+        if (init == KelProgramBuilder::kFails) return KelProgramBuilder::kFails;
+        program.discard(init);
+    }
+    program.beginLoop();
+    const int condition = _condition->compile(program);
+    if (condition < 0 || program.typeOf(condition) != Float) return KelProgramBuilder::kFails;
+    program.loopTest(condition);
+    if (_body->compile(program) == KelProgramBuilder::kFails) return KelProgramBuilder::kFails;
+    if (_increment) {
+        const int increment = _increment->compile(program);
+        if (increment == KelProgramBuilder::kFails) return KelProgramBuilder::kFails;
+        program.discard(increment);
+    }
+    program.endLoop();
+    return KelProgramBuilder::kNoValue;
+}
+
+void ForNode::fuse(KelFusion& fusion) { _body->fuse(fusion); }
 
 // The body is checked before the increment, so the increment cannot see the body's
 // declarations; those of `_init` end with the `for`.

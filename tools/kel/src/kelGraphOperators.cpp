@@ -6,12 +6,15 @@
 
 #include <iterator>
 
+#include "kelProgram.h"
+
 namespace Zt {
 
 namespace {
 
 using Op = KelBinaryOp;
 using U = IxScanlineUtil;
+using Limit = U::Limit;
 using F = float;
 using C = Zt::Color;
 
@@ -82,6 +85,36 @@ Fn operation(Fn fn) {
     return fn;
 }
 
+// Hands `use` the operation of `op` for operands of these kinds: `eval` runs it over the row,
+// `compile` puts it in a program. `,` has none.
+template <class Use>
+auto withBinaryOperation(Op op, bool leftColor, bool rightColor, Use&& use) {
+    if ((leftColor || rightColor) && !isComparison(op)) {
+        if (!isColorArithmetic(op)) Assertions::throwAssertionFailed("tools/kel/src/kelGraphOperators", __LINE__, "operator in table");
+        const ColorArithmetic& row = kColorArithmetic[int(op) - int(Op::Add)];
+        if (!leftColor) return use(row.floatColor);
+        if (!rightColor) return use(row.colorFloat);
+        return use(row.colors);
+    }
+    if (leftColor && rightColor) return use(operation(kColorComparisons[int(op) - int(Op::Equal)].colors));
+    return use(operation(kBinaryOperators[int(op)].floats));
+}
+
+// The element types of a binary operation: result, left, right.
+template <class Fn>
+struct BinaryTypes;
+template <class D, class A, class B>
+struct BinaryTypes<void (*)(IxScanline<D>&, const IxScanline<A>&, const IxScanline<B>&, Limit)> {
+    using Result = D;
+    using Left = A;
+    using Right = B;
+};
+
+template <class T>
+const IxScanline<T>& scanlineOf(const KelValuePtr& value) {
+    return static_cast<const KelType<T>*>(value.get())->getScanline();
+}
+
 }  // namespace
 
 // ---- Unary operators ----------------------------------------------------------------------------
@@ -97,13 +130,18 @@ RCShdPtr<KelType<float>> newTemporary<float>(KelContext& context) { return conte
 template <>
 RCShdPtr<KelType<Zt::Color>> newTemporary<Zt::Color>(KelContext& context) { return context.newColor(0); }
 
-// Adds (or, for "--" and "P--", subtracts) one at the active columns only.
+// The store of an increment: adds one ("++", "P++") or subtracts it ("--", "P--").
+template <class T>
+auto incrementOf(const std::string& op) {
+    return op == "++" || op == "P++" ? &IxScanlineUtil::accumulateScanline<T, float> : &IxScanlineUtil::decrementScanline<T, float>;
+}
+
+// Adds (or subtracts) one at the active columns only.
 template <class T>
 void storeIncrement(const std::string& op, KelType<T>& v, KelContext& context) {
     KelFloatPtr one = context.newConstantFloat(1.0f, 0);
     const KelMask& m = context.getMask();
-    if (op == "++" || op == "P++") IxScanlineUtil::accumulateScanline(v.getScanline(), one->getScanline(), m.activeScanline(), m.activeSpan());
-    else IxScanlineUtil::decrementScanline(v.getScanline(), one->getScanline(), m.activeScanline(), m.activeSpan());
+    incrementOf<T>(op)(v.getScanline(), one->getScanline(), m.activeScanline(), m.activeSpan());
 }
 
 // The unary operators for one kind T of scanline. "!" occurs on floats only (check).
@@ -128,6 +166,21 @@ RCShdPtr<KelValue> applyUnary(const std::string& op, const RCShdPtr<KelType<T>>&
     return r;
 }
 
+// The same operators in a program: an increment is a store of the literal one.
+template <class T>
+int compileUnary(const std::string& op, int v, KelProgramBuilder& program) {
+    if (op == "+") return v;
+    if (op == "-") return program.unary(&IxScanlineUtil::minusScanline<T>, v);
+    if (op == "!") {
+        if constexpr (std::is_same_v<T, float>) return program.unary(&IxScanlineUtil::notScanline, v);
+        return KelProgramBuilder::kFails;
+    }
+    if (op == "++" || op == "--") return program.store(incrementOf<T>(op), v, program.literal(1.0f), false);
+    const int old = program.unary(&IxScanlineUtil::copy<T>, v);
+    if (old < 0 || program.store(incrementOf<T>(op), v, program.literal(1.0f), false) < 0) return KelProgramBuilder::kFails;
+    return old;
+}
+
 }  // namespace
 
 UnaryOpNode::UnaryOpNode(const std::string& op, const KelNodePtr& operand, int line)
@@ -144,6 +197,14 @@ RCShdPtr<KelValue> UnaryOpNode::eval(KelContext& context) const {
     if (v && v->isType(Float)) return applyUnary<float>(_operator, rcStaticCast<KelFloat>(v), context);
     if (v && v->isType(Color)) return applyUnary<Zt::Color>(_operator, rcStaticCast<KelColor>(v), context);
     return nullptr;
+}
+
+int UnaryOpNode::compile(KelProgramBuilder& program) const {
+    const int v = _operand->compile(program);
+    if (v < 0) return KelProgramBuilder::kFails;
+    if (program.typeOf(v) == Float) return compileUnary<float>(_operator, v, program);
+    if (program.typeOf(v) == Color) return compileUnary<Zt::Color>(_operator, v, program);
+    return KelProgramBuilder::kFails;
 }
 
 // An image operand is sampled first. A `sample` wrap gives a temporary, which is const: `++image`
@@ -163,25 +224,6 @@ RCShdPtr<KelValue> UnaryOpNode::check(KelContext& context) {
 
 // ---- Binary operators ---------------------------------------------------------------------------
 
-namespace {
-
-RCShdPtr<KelValue> evalColorArithmetic(Op op, const KelValuePtr& left, const KelValuePtr& right, KelContext& context) {
-    if (!isColorArithmetic(op)) Assertions::throwAssertionFailed("tools/kel/src/kelGraphOperators", __LINE__, "operator in table");
-    const ColorArithmetic& row = kColorArithmetic[int(op) - int(Op::Add)];
-    KelColorPtr result = context.newColor(0);
-    IxScanline<Zt::Color>& out = result->getScanline();
-    const GeInterval<int>* span = context.getMask().activeSpan();
-    if (!left->isType(KelValueTypes::Color))
-        row.floatColor(out, rcStaticCast<KelFloat>(left)->getScanline(), rcStaticCast<KelColor>(right)->getScanline(), span);
-    else if (!right->isType(KelValueTypes::Color))
-        row.colorFloat(out, rcStaticCast<KelColor>(left)->getScanline(), rcStaticCast<KelFloat>(right)->getScanline(), span);
-    else
-        row.colors(out, rcStaticCast<KelColor>(left)->getScanline(), rcStaticCast<KelColor>(right)->getScanline(), span);
-    return result;
-}
-
-}  // namespace
-
 BinaryOpNode::BinaryOpNode(const std::string& op, const KelNodePtr& left, const KelNodePtr& right, int line)
     : KelSyntaxTree(line), _op(kelOperatorOf(kBinaryOperators, op, Op::None)), _operator(op), _left(left), _right(right) {}
 
@@ -199,17 +241,25 @@ RCShdPtr<KelValue> BinaryOpNode::eval(KelContext& context) const {
     KelValuePtr left = _left->eval(context);
     KelValuePtr right = _right->eval(context);
     if (_op == Op::Comma) return right;
-    bool leftColor = left->isType(Color), rightColor = right->isType(Color);
-    if ((leftColor || rightColor) && !isComparison(_op)) return evalColorArithmetic(_op, left, right, context);
-    KelFloatPtr result = context.newFloat(0);
     const GeInterval<int>* span = context.getMask().activeSpan();
-    if (leftColor && rightColor)
-        operation(kColorComparisons[int(_op) - int(Op::Equal)].colors)(
-            result->getScanline(), rcStaticCast<KelColor>(left)->getScanline(), rcStaticCast<KelColor>(right)->getScanline(), span);
-    else
-        operation(kBinaryOperators[int(_op)].floats)(result->getScanline(), rcStaticCast<KelFloat>(left)->getScanline(),
-                                                     rcStaticCast<KelFloat>(right)->getScanline(), span);
-    return result;
+    return withBinaryOperation(_op, left->isType(Color), right->isType(Color), [&](auto operation) -> KelValuePtr {
+        using Types = BinaryTypes<decltype(operation)>;
+        RCShdPtr<KelType<typename Types::Result>> result = newTemporary<typename Types::Result>(context);
+        operation(result->getScanline(), scanlineOf<typename Types::Left>(left), scanlineOf<typename Types::Right>(right), span);
+        return result;
+    });
+}
+
+int BinaryOpNode::compile(KelProgramBuilder& program) const {
+    const int left = _left->compile(program);
+    const int right = left < 0 ? left : _right->compile(program);
+    if (right < 0) return KelProgramBuilder::kFails;
+    if (_op == Op::Comma) {
+        program.discard(left);
+        return right;
+    }
+    return withBinaryOperation(_op, program.typeOf(left) == Color, program.typeOf(right) == Color,
+                               [&](auto operation) { return program.binary(operation, left, right); });
 }
 
 // Image operands are sampled; `==` and `!=` need two operands of one type; a colour operand

@@ -5,11 +5,15 @@
 
 #include <iterator>
 
+#include "kelProgram.h"
+
 namespace Zt {
 
 namespace {
 
 using U = IxScanlineUtil;
+using Limit = U::Limit;
+using Mask = const IxScanline<float>*;
 using F = float;
 using C = Zt::Color;
 using Assign = KelAssignOp;
@@ -37,6 +41,24 @@ static_assert(kelRowsInOrder(kAssignOperators), "rows in the order of KelAssignO
 
 const Zt::Color kOpaqueBlack{0.0f, 0.0f, 0.0f, 1.0f};
 
+// Hands `use` the store of `row` for a variable and a value of these types: `eval` runs it,
+// `compile` puts it in a program. A float variable's store serves an image's ids too.
+template <class Use>
+auto withStore(const AssignOperator& row, int variableType, int valueType, Use&& use) {
+    if (variableType != KelValueTypes::Color) return use(row.floats);
+    if (valueType == KelValueTypes::Color) return use(row.colors);
+    return use(row.colorFloat);
+}
+
+// The element types of a store: the variable's, the value's.
+template <class Fn>
+struct StoreTypes;
+template <class D, class S>
+struct StoreTypes<void (*)(IxScanline<D>&, const IxScanline<S>&, Mask, Limit)> {
+    using Variable = D;
+    using Value = S;
+};
+
 }  // namespace
 
 // ---- AssignNode ---------------------------------------------------------------------------------
@@ -62,17 +84,22 @@ RCShdPtr<KelValue> AssignNode::eval(KelContext& context) const {
     const IxScanline<float>* mask = context.getMask().activeScanline();
     // No active column lies outside the span: the store need not look there.
     const GeInterval<int>* span = context.getMask().activeSpan();
-    if (!variable->isType(Color)) {
-        // Float from float, or image from image: an image's scanline holds ids, copied per pixel.
-        row.floats(rcStaticCast<KelFloat>(variable)->getScanline(), rcStaticCast<KelFloat>(value)->getScanline(), mask, span);
-    } else if (value->isType(Color)) {
-        row.colors(rcStaticCast<KelColor>(variable)->getScanline(), rcStaticCast<KelColor>(value)->getScanline(), mask, span);
-    } else {
-        row.colorFloat(rcStaticCast<KelColor>(variable)->getScanline(), rcStaticCast<KelFloat>(value)->getScanline(), mask,
-                       span);
-    }
+    withStore(row, variable->getType(), value->getType(), [&](auto store) {
+        using Types = StoreTypes<decltype(store)>;
+        store(static_cast<KelType<typename Types::Variable>&>(*variable).getScanline(),
+              static_cast<const KelType<typename Types::Value>&>(*value).getScanline(), mask, span);
+        return 0;
+    });
     variable->setUniform(false);
     return variable;
+}
+
+int AssignNode::compile(KelProgramBuilder& program) const {
+    const int value = _value->compile(program);
+    const int variable = value < 0 ? value : program.variable(_id);
+    if (variable < 0) return KelProgramBuilder::kFails;
+    return withStore(kAssignOperators[int(_op)], program.typeOf(variable), program.typeOf(value),
+                     [&](auto store) { return program.store(store, variable, value, _op == Assign::Set); });
 }
 
 // The value is checked first, then the name is looked up before the value is tested for void
@@ -137,6 +164,8 @@ RCShdPtr<KelValue> InitVarNode::eval(KelContext& context) const {
     return variable;
 }
 
+int InitVarNode::compile(KelProgramBuilder& program) const { return program.declare(_id, _type, _writable); }
+
 // The lookup runs through all open scopes, so no declaration shadows another.
 RCShdPtr<KelValue> InitVarNode::check(KelContext& context) {
     if (context.getVariableId(_name) != -1) context.raiseError("Variable already defined: " + _name, _line, _position);
@@ -162,6 +191,10 @@ RCShdPtr<KelValue> InitVarAssignNode::eval(KelContext& context) const {
     return _assign.eval(context);
 }
 
+int InitVarAssignNode::compile(KelProgramBuilder& program) const {
+    return _init.compile(program) < 0 ? KelProgramBuilder::kFails : _assign.compile(program);
+}
+
 RCShdPtr<KelValue> InitVarAssignNode::check(KelContext& context) {
     _init.check(context);
     return _assign.check(context);
@@ -182,6 +215,8 @@ void VariableNode::print(std::ostream& out) const { out << _name; }
 // The variable's own value, not a copy: a caller that needs the old content copies it.
 RCShdPtr<KelValue> VariableNode::eval(KelContext& context) const { return context.getVariable(_id); }
 
+int VariableNode::compile(KelProgramBuilder& program) const { return program.variable(_id); }
+
 RCShdPtr<KelValue> VariableNode::check(KelContext& context) {
     _id = context.getVariableId(_name);
     if (_id == -1) context.raiseError("Variable not defined: " + _name, _line, _position);
@@ -199,5 +234,7 @@ void FloatLiteralNode::print(std::ostream& out) const { out << _value; }
 RCShdPtr<KelValue> FloatLiteralNode::eval(KelContext& context) const { return context.newConstantFloat(_value, 0); }
 
 RCShdPtr<KelValue> FloatLiteralNode::check(KelContext& context) { return eval(context); }
+
+int FloatLiteralNode::compile(KelProgramBuilder& program) const { return program.literal(_value); }
 
 }  // namespace Zt

@@ -94,7 +94,7 @@ public:
           _aspect(float(format.aspectNum) / float(format.aspectDen)),
           _scale(1.0f / float(1 << context.scaleLevel)),
           _definition(PxImageProtocol::nominalToPixelized(rod.rect, _aspect, _scale)),
-          _tile(new IxTile(format, clipTile(tileRectangle(context), _definition), Color::ZERO)),
+          _tile(new IxTile(format, clipTile(tileRectangle(context), _definition), Color::ZERO, context.destination)),
           _columns(_tile->getRect().xMin, _tile->getRect().xMax),
           _kc(_columns, run.variableCount) {}
 
@@ -146,8 +146,10 @@ private:
     // takes the first input's fill colour; without inputs it stays transparent black.
     void computeInputs(const Vector<PxNodePtr<const PxImageProtocol>>& inputs) {
         _inputTiles.reserve(inputs.size());
+        PxImageContext inputContext = _context;
+        inputContext.destination = nullptr;  // the caller's pixels are for this node's tile only
         for (const auto& input : inputs) {
-            _inputTiles.push_back(input->getImage(_context));
+            _inputTiles.push_back(input->getImage(inputContext));
             _inputTiles.back().reduceVI(_validity);
         }
         if (!_inputTiles.empty()) _tile->setFillColor(_inputTiles.front().getFillColor());
@@ -221,25 +223,32 @@ private:
     }
 
     // A tile outside the definition in x keeps its rows but has no columns: it runs no row.
+    // The output value is lent the tile's row (writeTo then has nothing to copy), and each input's
+    // row the input tile's row; both are taken back before the tiles can go.
     void runRows() {
         const GeRectangle<int>& rect = _tile->getRect();
         const int rowEnd = rect.xMin < rect.xMax ? rect.yMax : rect.yMin;
         PxRequestMgr& requests = PxRequestMgr::getInstance();
         const IxWriteGuard writeGuard(_tile);
+        IxScanline<Color>& output = _output->getScanline();
         for (int y = rect.yMin; y < rowEnd; ++y) {
             requests.checkRequest();
+            output.lend(_tile->row(y));
             runRow(y);
-            _output->getScanline().writeTo(writeGuard, y);
+            output.writeTo(writeGuard, y);
         }
+        output.reclaim();
+        for (std::size_t i = 0; _names.inputRows && i < _inputCount; ++i) _kc.getImage(int(i + 2)).scanline->reclaim();
     }
 
-    // The output starts each row opaque black; the script sees row y of every input.
+    // The output starts each row opaque black, unless the script writes it all before reading
+    // it; the script sees row y of every input.
     void runRow(int y) {
-        IxScanlineUtil::set(_output->getScanline(), kOpaqueBlack, nullptr);
+        if (!_run.outputWrittenFirst) IxScanlineUtil::set(_output->getScanline(), kOpaqueBlack, nullptr);
         _kc.random().startRow(y);
         if (_names.y) IxScanlineUtil::set(*_yRow, float(y) / _scale, nullptr);
         if (_names.inputRows) {
-            for (std::size_t i = 0; i < _inputCount; ++i) _kc.getImage(int(i + 2)).scanline->readFrom(_inputTiles[i].getTileGuard(), y);
+            for (std::size_t i = 0; i < _inputCount; ++i) _kc.getImage(int(i + 2)).scanline->lendFrom(_inputTiles[i].getTileGuard(), y);
         }
         _run.function->eval(_kc);
     }

@@ -20,6 +20,13 @@ struct KelRunInfo : public PebRunInfo {
     RCShdPtr<FunctionDeclarationNode> function;
     int32_t variableCount = 0;
     std::unordered_set<std::string> usedNames;
+    // The script stores into every pixel of the output before anything reads it, so a row need
+    // not start opaque black: the black could never show.
+    bool outputWrittenFirst = false;
+    // Set before `parse`: whether runs of statements become programs of strips (kelProgram.h).
+    // Without them every statement runs in the tree walk, which gives the same pixels (tests
+    // hold the two side by side).
+    bool compilePrograms = true;
 };
 
 class KelInterpreter : public PebInterpreter {

@@ -7,6 +7,7 @@
 
 #include "kelInterpreter.h"
 #include "kelParser.h"
+#include "kelProgram.h"
 
 namespace Zt {
 
@@ -21,6 +22,27 @@ void addNodeParameter(FunctionDeclarationNode& function, const PebParameterInfo&
         case PebInterpreterTypes::Color: typeName = "color"; break;
     }
     function.addParameter(new ParameterNode(info.getName(), typeName, info.isOutput(), 0));
+}
+
+// What programs compile in: each variable's type as the check left it, and the input images.
+KelProgramScope programScope(const KelContext& check, const FunctionDeclarationNode& function) {
+    KelProgramScope scope;
+    for (int id = 0; id < check.variableCount(); ++id) {
+        const KelValuePtr value = check.getVariable(id);
+        scope.variableTypes.push_back(value ? value->getType() : 0);
+    }
+    for (const KelParameterPtr& parameter : function._parameters)
+        if (parameter->getType() == PebInterpreterTypes::Image && !parameter->isOutput())
+            scope.imageParameters.push_back(check.getVariableId(parameter->getName()));
+    return scope;
+}
+
+// The name of the output that carries the pixels: the last varying output.
+std::string outputName(const KelRunInfo& info) {
+    std::string name;
+    for (const PebParameterInfo& p : info.getParams())
+        if (p.isOutput() && p.isVarying()) name = p.getName();
+    return name;
 }
 
 }  // namespace
@@ -102,6 +124,12 @@ bool KelInterpreter::parse(const std::string& script, const RCShdPtr<PebRunInfo>
 
     info->variableCount = context.variableCount();
     info->usedNames = context.usedNames();
+    if (info->compilePrograms) {
+        KelFusion fusion{programScope(context, *function)};
+        function->fuse(fusion);
+    }
+    const int output = context.getVariableId(outputName(*info));
+    info->outputWrittenFirst = output >= 0 && function->writesBeforeReading(output);
     return true;
 }
 
