@@ -3,7 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <ext/stdio_filebuf.h>
+
 #include <cstdio>
+#include <iostream>
 #include <mutex>
 
 namespace Zt::KelApp {
@@ -24,6 +27,14 @@ int quietCount = 0;
 int savedDescriptor = -1;
 
 }  // namespace
+
+void keepMessagesAudible() {
+    static const int descriptor = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+    if (descriptor < 0) return;
+    static __gnu_cxx::stdio_filebuf<char> messages(descriptor, std::ios::out);
+    std::cerr.flush();
+    std::cerr.rdbuf(&messages);
+}
 
 QuietStandardError::QuietStandardError() {
     std::lock_guard lock(quietMutex);

@@ -11,7 +11,8 @@ std::string oneLine(std::string text);
 
 // libpng and libtiff print their own warnings and errors on standard error, beside the one line
 // kel reports: silenced while a file is opened or decoded. Standard error is the process's, so
-// while one of these lives, nothing else should print there (the render prints nothing).
+// while one of these lives, only std::cerr reaches the terminal, and only once
+// keepMessagesAudible has run.
 class QuietStandardError {
 public:
     QuietStandardError();
@@ -19,5 +20,10 @@ public:
     QuietStandardError(const QuietStandardError&) = delete;
     QuietStandardError& operator=(const QuietStandardError&) = delete;
 };
+
+// Binds std::cerr to a duplicate of standard error, which QuietStandardError leaves alone: the
+// command's own messages (progress, frames done, failures) print while a file is read ahead or
+// written behind on another thread. Called once, before any other thread starts.
+void keepMessagesAudible();
 
 }  // namespace Zt::KelApp

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <iostream>
 
 namespace Zt::KelApp {
 
@@ -40,14 +41,13 @@ RenderProgress::RenderProgress(std::size_t frames, bool sequence, bool quiet)
     : _terminal(isatty(STDERR_FILENO)), _sequence(sequence), _quiet(quiet), _frames(frames) {}
 
 void RenderProgress::clear() {
-    if (!_shown.empty()) std::fputs("\r\033[K", stderr);
+    if (!_shown.empty()) std::cerr << "\r\033[K" << std::flush;
     _shown.clear();
 }
 
 void RenderProgress::draw(const std::string& text) {
     if (text == _shown) return;
-    std::fprintf(stderr, "\r%s\033[K", text.c_str());
-    std::fflush(stderr);
+    std::cerr << "\r" << text << "\033[K" << std::flush;
     _shown = text;
 }
 
@@ -80,9 +80,10 @@ void RenderProgress::frameDone(std::size_t index, int number, const std::string&
     _frameStart = now;
     _finishedPixels += double(_framePixels);
     if (_quiet || _terminal || !_sequence) return;
-    std::fprintf(stderr, "kel: frame %d (%zu of %zu) rendered in %.2f s: %s\n", number, index + 1, _frames, seconds,
-                 output.c_str());
-    std::fflush(stderr);
+    char time[32];
+    std::snprintf(time, sizeof time, "%.2f", seconds);
+    std::cerr << "kel: frame " << number << " (" << index + 1 << " of " << _frames << ") rendered in " << time << " s: "
+              << output << std::endl;
 }
 
 }  // namespace Zt::KelApp

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "kelCommands.h"
+#include "kelFileSupport.h"
 #include "liveCommand.h"
 
 using namespace Zt::KelApp;
@@ -89,6 +90,7 @@ CLI::App* findCommand(CLI::App& app, const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    keepMessagesAudible();
     CLI::App app{"kel: compile KEL effect scripts against a parameter list, and render them over image files", "kel"};
     app.require_subcommand(1);
     app.set_version_flag("--version", std::string("kel ") + KEL_VERSION, "print kel's version and exit");

@@ -6,6 +6,7 @@ once the queue has forgotten the job, through stand-in Slurm commands.
 Usage: kel_farm_render_test.py KEL_BINARY."""
 import json
 import os
+import re
 import subprocess
 import sys
 import tempfile
@@ -57,6 +58,9 @@ class FarmTask(unittest.TestCase):
                 self.assertEqual(run.returncode, status, run.stderr)
                 for frame in (1, 2, 3, 5):
                     self.assertEqual(os.path.exists(self.path("out.%04d.exr" % frame)), frame in written, frame)
+                # Every frame written says so, though the next frame's input was being read.
+                said = [int(n) for n in re.findall(r"(?m)^kel: frame (\d+) \(\d+ of \d+\) rendered", run.stderr)]
+                self.assertEqual(said, written, run.stderr)
                 rewritten = os.stat(self.path("out.0004.exr")).st_ino != before.st_ino
                 self.assertEqual(rewritten, 4 in written, "frame 4")
                 if failed:
