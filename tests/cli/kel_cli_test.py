@@ -293,7 +293,7 @@ def help_against_the_guide(d):
         check(code == 0 and synopsis in out, command)
         names = re.findall(r"(?<![\w-])(-{1,2}[a-z][a-z-]*)", synopsis)
         names += [name(c) for c, _ in params] if "[PARAMETERS]" in synopsis else []
-        names += [name(c) for c, _ in render] if "[OPTIONS]" in synopsis else []
+        names += [name(c) for c, _ in render] if command == "render" else []
         for option in names:
             found = line(out, option)
             check(found and len(found.split(None, 2)) > 2, "kel", command, "--help: no description of", option)
