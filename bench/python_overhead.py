@@ -2,8 +2,8 @@
 """The Python module's overhead: E1 (bench/effects/E1_gain.kel) rendered over a 2048x1556 float32
 array through `kel.Script.render`, against the engine's in-memory time for the same effect that
 kelEffects measures (eval per tile into a frame already in memory). The module's time includes
-what a pipeline pays: the input taken from the array (flipped), the render, the output handed
-back as an array (flipped). Prints a Markdown table; best of --repeat runs each.
+what a pipeline pays: the input taken from the array, the render, the output handed back as an
+array. Prints a Markdown table; best of --repeat runs each.
 
 Usage: PYTHONPATH=build/python python3 bench/python_overhead.py [--kel-effects build/bin/kelEffects]
        [--repeat 5] [--tile 2048x32]"""

@@ -40,23 +40,26 @@ PxRenderedImage PxTileRenderer::render(const PxImageProtocol& node, const GeRect
 
 void PxTileRenderer::render(const PxImageProtocol& node, const GeRectangle<int>& rect, const PxImageContext& context,
                             PxRenderedImage& image) const {
-    if (context.tileWidth < 1 || context.tileHeight < 1)
-        Assertions::throwAssertionFailed("host/PxTileRenderer", __LINE__, "tileWidth >= 1 && tileHeight >= 1");
     image.rect = rect;
-    image.validity = PxValidityInterval::getFull();
-    if (rect.isEmpty()) {
-        image.pixels.clear();
-        return;
-    }
-    // Every pixel is written below (a tile's, or transparent black where no tile gives one), so a
-    // reused buffer is not cleared: clearing 50 MB costs as much as a simple script's render.
-    const std::size_t count = std::size_t(rect.width()) * std::size_t(rect.height());
+    // Every pixel is written by the render, so a reused buffer is not cleared: clearing 50 MB
+    // costs as much as a simple script's render.
+    const std::size_t count = rect.isEmpty() ? 0 : std::size_t(rect.width()) * std::size_t(rect.height());
     if (image.pixels.capacity() < count) {
         image.pixels.clear();
         image.pixels.reserve(count);
         IxTileStorage::adviseHugePages(image.pixels.data(), count * sizeof(Color));
     }
     image.pixels.resize(count);
+    image.validity = render(node, context, PxTileDestination{image.pixels.data(), rect.width(), rect});
+}
+
+PxValidityInterval PxTileRenderer::render(const PxImageProtocol& node, const PxImageContext& context,
+                                          const PxTileDestination& frame) const {
+    if (context.tileWidth < 1 || context.tileHeight < 1)
+        Assertions::throwAssertionFailed("host/PxTileRenderer", __LINE__, "tileWidth >= 1 && tileHeight >= 1");
+    const GeRectangle<int>& rect = frame.rect;
+    PxValidityInterval validity = PxValidityInterval::getFull();
+    if (rect.isEmpty()) return validity;
 
     const int tx0 = floorDiv(rect.xMin, context.tileWidth), tx1 = floorDiv(rect.xMax - 1, context.tileWidth) + 1;
     const int ty0 = floorDiv(rect.yMin, context.tileHeight), ty1 = floorDiv(rect.yMax - 1, context.tileHeight) + 1;
@@ -68,8 +71,7 @@ void PxTileRenderer::render(const PxImageProtocol& node, const GeRectangle<int>&
     auto lastReport = std::chrono::steady_clock::now();
     if (_progress) _progress(0, total);
 
-    // Tiles may be made over the image's own rows (PxTileDestination): their rows need no copy.
-    const PxTileDestination frame{image.pixels.data(), rect.width(), rect};
+    // Tiles may be made over the frame's own rows (PxTileDestination): their rows need no copy.
     auto renderTile = [&](std::size_t i) {
         PxImageContext tileContext = context;
         tileContext.destination = &frame;
@@ -97,7 +99,7 @@ void PxTileRenderer::render(const PxImageProtocol& node, const GeRectangle<int>&
         }
         {
             std::lock_guard lock(mutex);
-            result.reduceVI(image.validity);
+            result.reduceVI(validity);
         }
         const std::size_t finished = done.fetch_add(1) + 1;
         // The calling thread takes tiles like every worker; it alone reports, at most 10 times a
@@ -152,6 +154,7 @@ void PxTileRenderer::render(const PxImageProtocol& node, const GeRectangle<int>&
     });
 #endif
     if (_progress) _progress(total, total);
+    return validity;
 }
 
 }  // namespace Zt

@@ -36,6 +36,11 @@ public:
     // of a sequence): its old pixels are all overwritten, none is cleared first.
     void render(const PxImageProtocol& node, const GeRectangle<int>& rect, const PxImageContext& context,
                 PxRenderedImage& image) const;
+    // The same into pixels the caller holds: every pixel of `frame.rect` is written, in rows that
+    // may run either way (a negative stride lays the frame out top row first). Returns the
+    // validity.
+    PxValidityInterval render(const PxImageProtocol& node, const PxImageContext& context,
+                              const PxTileDestination& frame) const;
 
     int threadCount() const { return _threads; }
 

@@ -71,22 +71,35 @@ std::vector<Color> bottomFirstPixels(const RgbaArray& rgba) {
     return pixels;
 }
 
-py::array adoptFrame(std::vector<Color>&& pixels, int width, int height) {
-    auto owned = std::make_unique<std::vector<Color>>(std::move(pixels));
-    {
-        py::gil_scoped_release released;
-        Color* rows = owned->data();
-        const std::size_t w = std::size_t(width);
-        for (int top = 0; top < height / 2; ++top)
-            std::swap_ranges(rows + std::size_t(top) * w, rows + std::size_t(top + 1) * w,
-                             rows + std::size_t(height - 1 - top) * w);
+PxTileDestination TopFirstFrame::rows(const GeRectangle<int>& rect) {
+    const std::size_t count = rect.isEmpty() ? 0 : std::size_t(rect.width()) * std::size_t(rect.height());
+    if (!_pixels || !(rect == _rect)) {
+        IxTileStorage::release(std::move(_pixels), _capacity);
+        _pixels = IxTileStorage::acquire(count, _capacity);
+        _rect = rect;
     }
-    float* data = reinterpret_cast<float*>(owned->data());
-    const py::capsule owner(owned.get(), [](void* p) { delete static_cast<std::vector<Color>*>(p); });
+    if (!_pixels) return {nullptr, 0, rect};
+    const std::ptrdiff_t width = rect.width();
+    return {_pixels.get() + std::ptrdiff_t(count) - width, -width, rect};
+}
+
+py::array TopFirstFrame::toArray() {
+    const py::ssize_t height = std::max(_rect.height(), 0), width = std::max(_rect.width(), 0);
+    if (!_pixels) return RgbaArray({height, width, py::ssize_t(4)});
+    struct Owned {
+        IxTileStorage::Buffer pixels;
+        std::size_t capacity;
+    };
+    auto owned = std::make_unique<Owned>(Owned{std::move(_pixels), _capacity});
+    float* data = reinterpret_cast<float*>(owned->pixels.get());
+    const py::capsule owner(owned.get(), [](void* p) {
+        std::unique_ptr<Owned> dead(static_cast<Owned*>(p));
+        IxTileStorage::release(std::move(dead->pixels), dead->capacity);
+    });
     owned.release();
-    const py::ssize_t rowBytes = py::ssize_t(width) * py::ssize_t(sizeof(Color));
-    return py::array_t<float>({py::ssize_t(height), py::ssize_t(width), py::ssize_t(4)},
-                              {rowBytes, py::ssize_t(sizeof(Color)), py::ssize_t(sizeof(float))}, data, owner);
+    const py::ssize_t rowBytes = width * py::ssize_t(sizeof(Color));
+    return py::array_t<float>({height, width, py::ssize_t(4)}, {rowBytes, py::ssize_t(sizeof(Color)), py::ssize_t(sizeof(float))},
+                              data, owner);
 }
 
 py::array copyFrame(const Color* bottomFirst, int width, int height) {

@@ -153,15 +153,19 @@ py::array CompiledScript::render(const py::kwargs& arguments) const {
 
     PebController& controller = *_controller;
     PxTileRenderer renderer(options.threads);
-    KelApp::RenderedFrame frame;
+    TopFirstFrame output;
     try {
-        frame = renderInterruptibly(
-            [&] { return KelApp::renderFrame(controller, renderer, inputs, values, options.request, "the frame"); });
+        renderInterruptibly([&] {
+            KelApp::RenderedFrame frame;
+            KelApp::renderFrame(controller, renderer, inputs, values, options.request, "the frame",
+                                [&](const GeRectangle<int>& rect) { return output.rows(rect); }, frame);
+            return frame;
+        });
     } catch (const KelApp::FileError& e) {
         PyErr_SetString(PyExc_MemoryError, e.what());
         throw py::error_already_set();
     }
-    return adoptFrame(std::move(frame.image.pixels), frame.image.rect.width(), frame.image.rect.height());
+    return output.toArray();
 }
 
 }  // namespace Zt::KelPython

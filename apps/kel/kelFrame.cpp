@@ -18,6 +18,12 @@ RenderedFrame renderFrame(PebController& controller, PxTileRenderer& renderer,
 void renderFrame(PebController& controller, PxTileRenderer& renderer,
                  const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& values,
                  const FrameRequest& request, const std::string& what, RenderedFrame& frame) {
+    renderFrame(controller, renderer, inputs, values, request, what, nullptr, frame);
+}
+
+void renderFrame(PebController& controller, PxTileRenderer& renderer,
+                 const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& values,
+                 const FrameRequest& request, const std::string& what, const FrameRows& rows, RenderedFrame& frame) {
     const PxNodePtr<const PxImageProtocol> first = inputs.empty() ? nullptr : inputs.front();
     IxPixelFormat format;
     if (request.pixelAspect) {
@@ -51,7 +57,10 @@ void renderFrame(PebController& controller, PxTileRenderer& renderer,
         progress(done, total, pixels);
     } : std::function<void(std::size_t, std::size_t)>());
     frame.format = format;
-    renderer.render(*node, rect, context, frame.image);
+    if (!rows) return renderer.render(*node, rect, context, frame.image);
+    frame.image.rect = rect;
+    frame.image.pixels.clear();
+    frame.image.validity = renderer.render(*node, context, rows(rect));
 }
 
 }  // namespace Zt::KelApp

@@ -46,4 +46,13 @@ void renderFrame(PebController& controller, PxTileRenderer& renderer,
                  const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& values,
                  const FrameRequest& request, const std::string& what, RenderedFrame& frame);
 
+// Where the caller wants a frame of pixel rectangle `rect`: rows that it keeps alive for the render.
+using FrameRows = std::function<PxTileDestination(const GeRectangle<int>& rect)>;
+
+// The same into the rows that `rows` gives once the frame's rectangle is known: `frame.image`
+// tells the rectangle and validity and keeps no pixels of its own.
+void renderFrame(PebController& controller, PxTileRenderer& renderer,
+                 const Vector<PxNodePtr<const PxImageProtocol>>& inputs, const Vector<double>& values,
+                 const FrameRequest& request, const std::string& what, const FrameRows& rows, RenderedFrame& frame);
+
 }  // namespace Zt::KelApp

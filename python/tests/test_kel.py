@@ -142,6 +142,17 @@ def test_other_arrays_are_converted(src, expected):
     np.testing.assert_array_equal(out, np.asarray(expected, np.float32))
 
 
+@pytest.mark.parametrize("keep", [lambda out: out, lambda out: out[1:, ::2]], ids=["result", "view"])
+def test_a_result_keeps_its_pixels_through_later_renders(keep):
+    script = kel.compile("out = src * gain;", inputs=["src"], floats={"gain": 1})
+    src = random_image(6, 9)
+    kept = keep(script.render(src=src, gain=2))
+    expected = kept.copy()
+    for gain in (3, 4):  # frames of the same size, each dropped at once
+        script.render(src=src, gain=gain)
+    np.testing.assert_array_equal(kept, expected)
+
+
 def test_two_threads_render_at_once_and_release_the_gil():
     script = kel.compile(HEAVY, inputs=[], floats={"n": 2000})
     alone = script.render(size=(96, 64), threads=1)

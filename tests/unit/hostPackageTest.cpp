@@ -118,19 +118,24 @@ TEST(HostPluginLoader, AFileThatIsNoLibraryIsAnError) {
     EXPECT_THROW(loader.loadDirectory(directory.string()), ExBase);  // no directory
 }
 
-// Pixel (x, y) = (x, y, tileX, 1), validity narrowed by the tile's column.
+// Pixel (x, y) = (x, y, 0, 1), validity narrowed by the tile's column and row; `inPlace` makes its
+// tiles over the rows the caller offers.
 class CoordinateNode : public PxImageProtocol {
 public:
+    explicit CoordinateNode(bool inPlace = false) : _inPlace(inPlace) {}
     PxImageFormat getFormat() const override { return {}; }
     PxRODResult getROD(const PxImageContext&) const override { return {}; }
     PxImageResult getImage(const PxImageContext& c) const override {
         PxRequestMgr::getInstance().checkRequest();
         const GeRectangle<int> r = convertTilesToPixels({c.tileX, c.tileX + 1, c.tileY, c.tileY + 1}, c);
-        RCShdPtr<IxTile> tile(new IxTile({}, r, Color::ZERO));
+        RCShdPtr<IxTile> tile(new IxTile({}, r, Color::ZERO, _inPlace ? c.destination : nullptr));
         for (int y = r.yMin; y < r.yMax; ++y)
             for (int x = r.xMin; x < r.xMax; ++x) tile->row(y)[x - r.xMin] = Color(float(x), float(y), 0.0f, 1.0f);
         return PxImageResult(tile, PxValidityInterval(-100.0 + c.tileX, 100.0 - c.tileY));
     }
+
+private:
+    bool _inPlace;
 };
 
 TEST(HostTileRenderer, ManyTilesOnManyThreadsGiveThePixelsOfOneThread) {
@@ -150,6 +155,29 @@ TEST(HostTileRenderer, ManyTilesOnManyThreadsGiveThePixelsOfOneThread) {
     // Every tile narrows: the last column of tiles is 12, the last row 11.
     EXPECT_EQ(tiled.validity.begin, -100.0 + 12);
     EXPECT_EQ(tiled.validity.end, 100.0 - 11);
+}
+
+TEST(HostTileRenderer, RowsTheCallerHoldsAreFilledWhicheverWayTheyRun) {
+    // Partial tiles on every side, and a corner away from the origin.
+    const GeRectangle<int> rect(-3, 34, 2, 25);
+    const std::ptrdiff_t width = rect.width(), height = rect.height();
+    PxImageContext context;
+    context.tileWidth = 8;
+    context.tileHeight = 5;
+    for (const bool inPlace : {false, true}) {
+        for (const bool topRowFirst : {false, true}) {
+            SCOPED_TRACE(std::string(inPlace ? "in place" : "copied") + (topRowFirst ? ", top row first" : ""));
+            std::vector<Color> rows(std::size_t(width * height), Color(-1.0f));
+            const PxTileDestination frame{topRowFirst ? rows.data() + (height - 1) * width : rows.data(),
+                                          topRowFirst ? -width : width, rect};
+            const PxValidityInterval validity = PxTileRenderer(3).render(CoordinateNode(inPlace), context, frame);
+            for (int y = rect.yMin; y < rect.yMax; ++y)
+                for (int x = rect.xMin; x < rect.xMax; ++x)
+                    ASSERT_EQ(*frame.at(x, y), Color(float(x), float(y), 0, 1)) << x << "," << y;
+            // Tile columns -1 to 4, rows 0 to 4.
+            EXPECT_EQ(validity, PxValidityInterval(-100.0 + 4, 100.0 - 4));
+        }
+    }
 }
 
 // Each tile waits until `expected` distinct threads have entered one, so the render completes
