@@ -31,9 +31,10 @@ int savedDescriptor = -1;
 void keepMessagesAudible() {
     static const int descriptor = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
     if (descriptor < 0) return;
-    static __gnu_cxx::stdio_filebuf<char> messages(descriptor, std::ios::out);
+    // Never destroyed: std::cerr flushes through it when the program ends, after the statics.
+    static auto* const messages = new __gnu_cxx::stdio_filebuf<char>(descriptor, std::ios::out);
     std::cerr.flush();
-    std::cerr.rdbuf(&messages);
+    std::cerr.rdbuf(messages);
 }
 
 QuietStandardError::QuietStandardError() {
