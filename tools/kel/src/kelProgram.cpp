@@ -3,8 +3,10 @@
 #include "kelProgram.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <span>
+#include <utility>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -94,6 +96,13 @@ template <int N, class Get>
     }
 }
 
+// Link k's operand when it is uniform: its value at the strip's first column, in every lane.
+Lanes uniformOperand(const KelInstruction& in, KelProgramRun& run, int k, const GeInterval<int>& strip) {
+    const int slot = in.operands[k + 1];
+    return in.links[k].operand == 2 ? lanesOf(run.row<Color>(slot).data()[strip.min])
+                                    : lanesOf(run.row<float>(slot).data()[strip.min]);
+}
+
 // The operands of a chain's links over one strip.
 struct ChainOperands {
     const Color* colors[KelInstruction::kMaxLinks] = {};
@@ -139,13 +148,52 @@ void runChain(const KelInstruction& in, KelProgramRun& run, void* destination, c
         switch (in.links[k].operand) {
             case 0: operands.colors[k] = run.row<Color>(slot).data(); break;
             case 1: operands.floats[k] = run.row<float>(slot).data(); break;
-            case 2: operands.uniform[k] = lanesOf(run.row<Color>(slot).data()[strip.min]); break;
-            default: operands.uniform[k] = lanesOf(run.row<float>(slot).data()[strip.min]); break;
+            default: operands.uniform[k] = uniformOperand(in, run, k, strip); break;
         }
     }
     int x = strip.min;
     for (; x + 8 <= strip.max; x += 8) chainBlock<8>(in, operands, a, d, x);
     for (; x < strip.max; ++x) chainBlock<1>(in, operands, a, d, x);
+}
+
+// A chain of one or two links whose operands are all uniform (a colour of literals, a gain), as
+// a grade is: its operations are fixed when the program is made, so the loop over the strip
+// chooses nothing per block. The same lane operations as runChain, in the same order.
+template <int Links, int Op0, bool Right0, int Op1, bool Right1>
+void runUniformChain(const KelInstruction& in, KelProgramRun& run, void* destination, const GeInterval<int>& strip,
+                     const KelStripMask&) {
+    Color* d = static_cast<IxScanline<Color>*>(destination)->data();
+    const Color* a = run.row<Color>(in.operands[0]).data();
+    const Lanes u0 = uniformOperand(in, run, 0, strip);
+    const Lanes u1 = Links > 1 ? uniformOperand(in, run, 1, strip) : u0;
+#pragma GCC unroll 4
+    for (int x = strip.min; x < strip.max; ++x) {
+        Lanes acc = lanesOf(a[x]);
+        acc = Right0 ? combine<Op0>(u0, acc) : combine<Op0>(acc, u0);
+        if constexpr (Links > 1) acc = Right1 ? combine<Op1>(u1, acc) : combine<Op1>(acc, u1);
+        store(d[x], acc);
+    }
+}
+
+// The forms of a link (its operation and side) number 0 to 7 as op * 2 + onRight; a table per
+// link count holds a loop for each combination of forms.
+template <std::size_t... Form>
+constexpr std::array<KelInstruction::Run, sizeof...(Form)> oneLinkChains(std::index_sequence<Form...>) {
+    return {&runUniformChain<1, int(Form / 2), Form % 2 == 1, 0, false>...};
+}
+template <std::size_t... Forms>
+constexpr std::array<KelInstruction::Run, sizeof...(Forms)> twoLinkChains(std::index_sequence<Forms...>) {
+    return {&runUniformChain<2, int(Forms / 16), Forms / 8 % 2 == 1, int(Forms % 8 / 2), Forms % 2 == 1>...};
+}
+constexpr auto kOneLinkChains = oneLinkChains(std::make_index_sequence<8>());
+constexpr auto kTwoLinkChains = twoLinkChains(std::make_index_sequence<64>());
+
+// The loop of its own for a chain of uniform operands, else runChain.
+KelInstruction::Run chainLoop(const KelInstruction& in) {
+    auto form = [&](int k) { return std::size_t(in.links[k].op * 2 + int(in.links[k].onRight)); };
+    const bool uniform = std::all_of(in.links, in.links + in.linkCount, [](const KelInstruction::Link& l) { return l.operand >= 2; });
+    if (!uniform || in.linkCount > 2) return &runChain;
+    return in.linkCount == 1 ? kOneLinkChains[form(0)] : kTwoLinkChains[form(0) * 8 + form(1)];
 }
 
 // Whether the condition is true (not 0.0, NaN included) at every column of the strip, or at
@@ -269,6 +317,8 @@ std::unique_ptr<KelProgram> KelProgramBuilder::finish() {
     const auto& code = _program->_code;
     const bool streams = std::any_of(slots.begin(), slots.end(), [](const KelSlot& s) { return s.kind == KelSlot::Kind::CurrentPixel; });
     const auto work = std::count_if(code.begin(), code.end(), [](const KelInstruction& in) { return !in.constant; });
+    for (KelInstruction& in : _program->_code)
+        if (in.run == &runChain) in.run = chainLoop(in);
     _program->_stripWidth = streams && !_program->_hasLoop && std::size_t(work) <= kShortProgram ? kStreamingStripWidth : kStripWidth;
     std::unique_ptr<KelProgram> done = std::move(_program);
     _program.reset(new KelProgram);
@@ -429,6 +479,14 @@ int KelProgramBuilder::colorArithmetic(KelInstruction::AnyFunction operation, in
     auto kindOf = [&](int slot, bool color) -> uint8_t { return uint8_t((color ? 0 : 1) + (isConstant(slot) ? 2 : 0)); };
     std::vector<KelInstruction>& code = _program->_code;
     // The chain that computed one operand just before takes this operation as its next link.
+    // Steps of literals alone in between (the other operand, `color(0.05, 0.02, 0, 0)`) run
+    // once a tile before any strip and read no chain, so the chain moves after them.
+    auto latest = std::find_if(code.rbegin(), code.rend(), [](const KelInstruction& in) {
+        return !(in.kind == KelInstruction::Kind::Step && in.constant);
+    });
+    if (latest != code.rend() && latest->run == &runChain && !latest->constant) {
+        std::rotate(latest.base() - 1, latest.base(), code.end());
+    }
     if (!code.empty()) {
         KelInstruction& last = code.back();
         const bool extends = last.run == &runChain && !last.constant && last.linkCount < KelInstruction::kMaxLinks;
