@@ -97,11 +97,16 @@ public:
     // one y, in a mapping that keeps rows (every mapping the interpreter makes), works out that
     // y's part of the filter once for the row.
     void sampleRow(Color* out, const float* xs, const float* ys, const float* active, int lo, int hi) const override {
-        if (lo >= hi || sampleShiftedRow(out, xs, ys, active, lo, hi)) return;
+        if (lo >= hi || shiftedRow<false>(out, xs, ys, active, lo, hi)) return;
         TileCache cache;
         if (_toTexelY[0] == 0.0 && sharesOneValue(ys, lo, hi)) return sampleAlongRow(out, xs, ys[lo], active, lo, hi, cache);
         for (int x = lo; x < hi; ++x)
             if (!active || active[x] != 0.0f) out[x] = sample(double(xs[x]), double(ys[x]), cache);
+    }
+
+    void addRow(Color* out, const float* xs, const float* ys, const float* active, int lo, int hi) const override {
+        if (lo >= hi || shiftedRow<true>(out, xs, ys, active, lo, hi)) return;
+        SdTextureSampler::addRow(out, xs, ys, active, lo, hi);
     }
 
 private:
@@ -109,8 +114,10 @@ private:
     // neighbours asks for them (sample(src, x + i, y + j) at full resolution): each column is
     // one pixel of the image, weighed by exactly 1 as the filter weighs it, or transparent black
     // outside the image. Read along the fetched tiles' rows, without the filter's arithmetic.
-    // False, having written nothing, for any other row of positions.
-    bool sampleShiftedRow(Color* out, const float* xs, const float* ys, const float* active, int lo, int hi) const {
+    // False, having written nothing, for any other row of positions. Add: each colour is added
+    // to out's (out[x] + colour), as addRow asks.
+    template <bool Add>
+    bool shiftedRow(Color* out, const float* xs, const float* ys, const float* active, int lo, int hi) const {
         constexpr float kExact = 1 << 22;  // whole floats this small step by one exactly
         if (!_identity || _params.filterMode != 1 || _params.wrapModeS != 0 || _params.wrapModeT != 0 || lo >= hi)
             return false;
@@ -131,8 +138,9 @@ KEL_IVDEP
         for (; x < hi; ++x)
             if (ys[x] != y || xs[x] != first + float(x - lo)) return false;
         const int row = int(y), shift = int(first) - lo;  // column x reads pixel x + shift
+        auto set = [](Color& o, const Color& c) { o = Add ? o + c : c; };
         auto put = [&](int x, const Color& c) {
-            if (!active || active[x] != 0.0f) out[x] = c;
+            if (!active || active[x] != 0.0f) set(out[x], c);
         };
         const bool rowInside = row >= _pixels.yMin && row < _pixels.yMax;
         const int inLo = rowInside ? std::clamp(_pixels.xMin - shift, lo, hi) : hi;
@@ -146,7 +154,7 @@ KEL_IVDEP
             if (row >= r.yMin && row < r.yMax && x + shift >= r.xMin && end + shift <= r.xMax) {
                 const Color* pixels = tile.row(row) + (shift - r.xMin);
                 if (!active) {
-                    for (; x < end; ++x) out[x] = pixels[x] * _unitWeight;
+                    for (; x < end; ++x) set(out[x], pixels[x] * _unitWeight);
                 } else {
                     for (; x < end; ++x) put(x, pixels[x] * _unitWeight);
                 }

@@ -89,6 +89,21 @@ void FunctionSample::rows(const KelRowCall& call) {
         if (!active || active[x] != 0.0f) out[x] = kOpaqueBlack;
 }
 
+// The same samples added to the result row's colours (`sum += sample(...)`).
+void FunctionSample::addRows(const KelRowCall& call) {
+    Zt::Color* out = static_cast<IxScanline<Zt::Color>*>(call.result)->data();
+    const float* active = call.active ? call.active->data() : nullptr;
+    const KelImageEntry& entry = *call.image;
+    if (entry.sampler) {
+        entry.sampler->addRow(out, static_cast<const IxScanline<float>*>(call.arguments[0])->data(),
+                              static_cast<const IxScanline<float>*>(call.arguments[1])->data(), active, call.columns.min,
+                              call.columns.max);
+        return;
+    }
+    for (int x = call.columns.min; x < call.columns.max; ++x)
+        if (!active || active[x] != 0.0f) out[x] = out[x] + kOpaqueBlack;
+}
+
 int FunctionSample::compile(const FunctionCallNode& node, KelProgramBuilder& program) {
     const int image = node.argument(0)->compile(program);
     if (image < 0) return KelProgramBuilder::kFails;
@@ -96,7 +111,7 @@ int FunctionSample::compile(const FunctionCallNode& node, KelProgramBuilder& pro
     const int xs = node.argument(1)->compile(program);
     const int ys = xs < 0 ? xs : node.argument(2)->compile(program);
     if (ys < 0) return KelProgramBuilder::kFails;
-    return program.call(&rows, KelValueTypes::Color, {xs, ys}, image);
+    return program.call(&rows, KelValueTypes::Color, {xs, ys}, image, &addRows);
 }
 
 // (image, float, float) and (image), both colour; the wrap finds the second.

@@ -511,7 +511,8 @@ int KelProgramBuilder::colorArithmetic(KelInstruction::AnyFunction operation, in
     return result;
 }
 
-int KelProgramBuilder::call(KelRowKernel kernel, int resultType, const std::vector<int>& arguments, int image) {
+int KelProgramBuilder::call(KelRowKernel kernel, int resultType, const std::vector<int>& arguments, int image,
+                            KelRowKernel addInto) {
     int imageIndex = -1;
     if (image != -1) {
         if (image < 0 || typeOf(image) != KelValueTypes::Image) return kFails;
@@ -524,6 +525,7 @@ int KelProgramBuilder::call(KelRowKernel kernel, int resultType, const std::vect
         // What an image gives depends on the row: never run once for the tile.
         KelInstruction& in = _program->_code.back();
         in.image = imageIndex;
+        in.addInto = reinterpret_cast<KelInstruction::AnyFunction>(addInto);
         if (in.constant) {
             in.constant = false;
             _constantSlots[std::size_t(result)] = false;
@@ -557,6 +559,7 @@ int KelProgramBuilder::addStore(KelInstruction::Run run, KelInstruction::AnyFunc
         in.unmasked = true;
     }
     _declaredSlot = -1;
+    if (!plainAssignment && addsInto(operation, variable, value)) return variable;
     if (direct && !code.empty()) {
         KelInstruction& last = code.back();
         if (last.kind == KelInstruction::Kind::Step && !last.constant && last.result == value) {
@@ -565,10 +568,36 @@ int KelProgramBuilder::addStore(KelInstruction::Run run, KelInstruction::AnyFunc
     }
     code.push_back(in);
     release(value);
+    noteStored(variable);
+    return variable;
+}
+
+// `colour += call` where the call, just before, can add into a row: the call becomes that kernel
+// over the variable's row, which it reads (an operand, for what the program guarantees) and
+// writes at the active columns, and the store goes. The sum's operands are in the store's order.
+bool KelProgramBuilder::addsInto(KelInstruction::AnyFunction operation, int variable, int value) {
+    const auto add = reinterpret_cast<KelInstruction::AnyFunction>(&IxScanlineUtil::accumulateScanline<Color, Color>);
+    std::vector<KelInstruction>& code = _program->_code;
+    if (operation != add || code.empty() || typeOf(variable) != KelValueTypes::Color) return false;
+    KelInstruction& last = code.back();
+    if (last.kind != KelInstruction::Kind::Step || !last.addInto || last.constant || last.result != value ||
+        std::find(std::begin(last.operands), std::end(last.operands), value) != std::end(last.operands))
+        return false;
+    int* free = std::find(std::begin(last.operands), std::end(last.operands), -1);
+    if (free == std::end(last.operands)) return false;
+    *free = variable;
+    last.operation = last.addInto;
+    last.addInto = nullptr;
+    last.result = variable;
+    release(value);
+    noteStored(variable);
+    return true;
+}
+
+void KelProgramBuilder::noteStored(int variable) {
     const int id = _program->_slots[std::size_t(variable)].variable;
     if (std::find(_program->_stored.begin(), _program->_stored.end(), id) == _program->_stored.end())
         _program->_stored.push_back(id);
-    return variable;
 }
 
 int KelProgramBuilder::declare(int id, int type, int writable) {
@@ -637,7 +666,37 @@ void KelProgramBuilder::loopTest(int condition) {
 void KelProgramBuilder::endLoop() {
     markPart(true);
     append(KelInstruction::Kind::EndLoop);
+    const std::size_t loop = _openControl.back();
+    _program->_code[loop].counted = counts(loop);
     _openControl.pop_back();
+}
+
+// A loop over a counter, `for (float i = -3; i <= 3; i++)`: the counter is set to a constant just
+// before the loop, its test compares it with a constant, and the body changes it only by its
+// last statement, a store of a constant under the loop's own mask. Every active column then
+// holds the same counter on every pass, so the test gives one answer for all of them.
+bool KelProgramBuilder::counts(std::size_t loop) const {
+    const std::vector<KelInstruction>& code = _program->_code;
+    const KelInstruction& head = code[loop];
+    const std::size_t test = std::size_t(head.partAt), end = std::size_t(head.endAt);
+    if (loop == 0 || test != loop + 2 || end < test + 2) return false;
+    const KelInstruction& compare = code[loop + 1];
+    if (compare.kind != KelInstruction::Kind::Step || compare.constant || compare.image >= 0 ||
+        compare.result != code[test].operands[0] ||
+        compare.operands[2] >= 0 || compare.operands[0] < 0 || compare.operands[1] < 0)
+        return false;
+    const int first = compare.operands[0], second = compare.operands[1];
+    const int counter = isConstant(first) ? second : first;
+    if (!isConstant(first == counter ? second : first) || _program->_slots[std::size_t(counter)].kind != KelSlot::Kind::Variable)
+        return false;
+    auto setsConstant = [&](const KelInstruction& in) {
+        return in.kind == KelInstruction::Kind::Store && in.result == counter && isConstant(in.operands[0]);
+    };
+    const KelInstruction& init = code[loop - 1];
+    if (!setsConstant(init) || !init.assigns || !setsConstant(code[end - 1])) return false;
+    return std::none_of(code.begin() + std::ptrdiff_t(test) + 1, code.begin() + std::ptrdiff_t(end) - 1, [&](const KelInstruction& in) {
+        return in.result == counter || in.storeInto == counter;
+    });
 }
 
 // ---- Binding and running ------------------------------------------------------------------------
@@ -735,6 +794,15 @@ void KelProgramRun::run(KelContext& context) {
         runRange(0, _program.code().size(), strip, stripMask);
     }
     for (KelValue* value : _stored) value->setUniform(false);
+}
+
+// A column that the mask holds: strips without one never run.
+int KelProgramRun::firstActive(const KelStripMask& mask, const GeInterval<int>& strip) {
+    if (mask.all) return strip.min;
+    const float* m = mask.row->data();
+    int x = std::max(strip.min, mask.span.min);
+    while (x + 1 < strip.max && m[x] == 0.0f) ++x;
+    return x;
 }
 
 // The runs of active columns of a partial mask over the strip, into _runs, when there are
@@ -855,6 +923,19 @@ std::size_t KelProgramRun::runIf(std::size_t at, const GeInterval<int>& strip, c
 std::size_t KelProgramRun::runLoop(std::size_t at, const GeInterval<int>& strip, const KelStripMask& mask) {
     const KelInstruction& in = _program.code()[at];
     const std::size_t test = std::size_t(in.partAt);
+    if (in.counted) {
+        // The test at one active column answers for all; the mask stays as it is.
+        const int column = firstActive(mask, strip);
+        const GeInterval<int> one(column, column + 1);
+        const float& answer = row<float>(_program.code()[test].operands[0]).data()[column];
+        for (;;) {
+            runRange(at + 1, test, one, KelStripMask{nullptr, true, true, one});
+            if (answer == 0.0f) break;
+            PxRequestMgr::getInstance().checkRequest();
+            runRange(test + 1, std::size_t(in.endAt), strip, mask);
+        }
+        return std::size_t(in.endAt) + 1;
+    }
     IxScanline<float>& loopMask = *_masks[std::size_t(in.masks[0])];
     KelStripMask current = mask;
     GeInterval<int> columns = strip;

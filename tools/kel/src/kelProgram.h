@@ -68,6 +68,8 @@ struct KelInstruction {
     bool assigns = false;    // Store: `=`, which writes the whole value (the others combine)
     bool unmasked = false;   // Store: the first of a variable just declared, so at every column
     bool constant = false;   // Step: all operands constant; run once a tile, not per strip
+    bool counted = false;    // Loop: its test gives one answer at every active column (kelProgram.cpp)
+    AnyFunction addInto = nullptr;  // Step of a built-in: its kernel that adds its colours to the result's
     int masks[2] = {-1, -1};  // If: then and else masks; Loop: the loop's mask
     // A chain of colour arithmetic: the running colour starts as operands[0] and each link
     // combines it with the next operand (kelProgram.cpp).
@@ -185,7 +187,10 @@ public:
         return step(&runUnary<D, S>, reinterpret_cast<KelInstruction::AnyFunction>(operation), typeNumber<D>(), &a, 1);
     }
     // A built-in's kernel over its argument slots; `image` is the slot of its image argument.
-    int call(KelRowKernel kernel, int resultType, const std::vector<int>& arguments, int image = -1);
+    // `addInto`, when given, adds the call's colours to the result row's (result = result + colour),
+    // so that a colour variable's `+=` of the call is that kernel alone.
+    int call(KelRowKernel kernel, int resultType, const std::vector<int>& arguments, int image = -1,
+             KelRowKernel addInto = nullptr);
 
     // Statements. A store is masked by the strip's mask, a declaration is not.
     template <class D, class S>
@@ -230,12 +235,15 @@ private:
     int colorArithmetic(KelInstruction::AnyFunction operation, int a, int b);
     int addStore(KelInstruction::Run run, KelInstruction::AnyFunction operation, int variable, int value,
                  bool plainAssignment, bool direct);
+    bool addsInto(KelInstruction::AnyFunction operation, int variable, int value);
+    void noteStored(int variable);
     KelInstruction& append(KelInstruction::Kind kind);
     void markPart(bool end);
     int newSlot(const KelSlot& slot);
     int temporary(int type);
     void release(int slot);
     bool isConstant(int slot) const;
+    bool counts(std::size_t loop) const;
 
     const KelProgramScope& _scope;
     std::unique_ptr<KelProgram> _program;
@@ -280,6 +288,7 @@ private:
                        const KelStripMask& mask);
     void runStore(const KelInstruction& in, const GeInterval<int>& strip, const KelStripMask& mask);
     bool fewRuns(const KelStripMask& mask, const GeInterval<int>& strip);
+    static int firstActive(const KelStripMask& mask, const GeInterval<int>& strip);
 
     const KelProgram& _program;
     bool _usable = true;
