@@ -805,23 +805,22 @@ int KelProgramRun::firstActive(const KelStripMask& mask, const GeInterval<int>& 
     return x;
 }
 
-// The runs of active columns of a partial mask over the strip, into _runs, when there are
-// at most kMaxRuns of them. Masks that scripts make are mostly long runs, and a run is computed
-// as a strip of its own with every column active: the unmasked form of each operation, no test
-// per column. Worth it for colour rows, whose masked stores test column by column; masked float
-// stores are a select per block already.
-bool KelProgramRun::fewRuns(const KelStripMask& mask, const GeInterval<int>& strip) {
-    constexpr std::size_t kMaxRuns = 8;
-    const float* m = mask.row->data();
-    _runs.clear();
+// The runs of columns where the row is not 0.0 (NaN included) over the strip, into `runs`, when
+// there are at most KelRuns::kMax of them. Masks and conditions that scripts make are mostly long
+// runs, and a run is computed as a strip of its own with every column active: the unmasked form
+// of each operation, no test per column. Worth it for colour rows, whose masked stores test
+// column by column; masked float stores are a select per block already.
+bool KelProgramRun::runsOf(const IxScanline<float>& row, const GeInterval<int>& strip, KelRuns& runs) {
+    const float* m = row.data();
+    runs.count = 0;
     bool inRun = false;
     int start = 0;
     auto toggle = [&](int x) {
         if (!inRun) {
-            if (_runs.size() == kMaxRuns) return false;
+            if (runs.count == KelRuns::kMax) return false;
             start = x;
         } else {
-            _runs.emplace_back(start, x);
+            runs.at[runs.count++] = GeInterval<int>(start, x);
         }
         inRun = !inRun;
         return true;
@@ -838,7 +837,7 @@ bool KelProgramRun::fewRuns(const KelStripMask& mask, const GeInterval<int>& str
 #endif
     for (; x < strip.max; ++x)
         if ((m[x] != 0.0f) != inRun && !toggle(x)) return false;
-    if (inRun) _runs.emplace_back(start, strip.max);
+    if (inRun) runs.at[runs.count++] = GeInterval<int>(start, strip.max);
     return true;
 }
 
@@ -849,7 +848,7 @@ void KelProgramRun::runAssignment(const KelInstruction& in, const KelInstruction
                                   const KelStripMask& mask) {
     void* variable = rowPointer(in.storeInto);
     if (mask.all || store.unmasked) return in.run(in, *this, variable, strip, KelStripMask{});
-    if (_program.slots()[std::size_t(in.result)].type == KelValueTypes::Color && fewRuns(mask, strip)) {
+    if (_program.slots()[std::size_t(in.result)].type == KelValueTypes::Color && runsOf(*mask.row, strip, _runs)) {
         for (const GeInterval<int>& run : _runs) in.run(in, *this, variable, run, KelStripMask{});
         return;
     }
@@ -859,7 +858,7 @@ void KelProgramRun::runAssignment(const KelInstruction& in, const KelInstruction
 
 void KelProgramRun::runStore(const KelInstruction& in, const GeInterval<int>& strip, const KelStripMask& mask) {
     if (mask.all || in.unmasked) return in.run(in, *this, nullptr, strip, KelStripMask{});
-    if (_program.slots()[std::size_t(in.result)].type == KelValueTypes::Color && fewRuns(mask, strip)) {
+    if (_program.slots()[std::size_t(in.result)].type == KelValueTypes::Color && runsOf(*mask.row, strip, _runs)) {
         for (const GeInterval<int>& run : _runs) in.run(in, *this, nullptr, run, KelStripMask{});
         return;
     }
@@ -902,13 +901,25 @@ std::size_t KelProgramRun::runIf(std::size_t at, const GeInterval<int>& strip, c
     const KelInstruction& in = _program.code()[at];
     const IxScanline<float>& condition = row<float>(in.operands[0]);
     const bool hasElse = _program.code()[std::size_t(in.partAt)].kind == KelInstruction::Kind::Else;
+    // Under a full mask, a condition of few runs (one, most often) runs each part over its own
+    // runs with every column active, the runs in the order of the columns: each column is
+    // computed from itself alone, and the two parts store at different columns.
+    KelRuns runs;
+    if (mask.all && runsOf(condition, strip, runs)) {
+        auto part = [&](std::size_t begin, std::size_t end, int lo, int hi) {
+            if (lo < hi) runRange(begin, end, GeInterval<int>(lo, hi), KelStripMask{nullptr, true, true, GeInterval<int>(lo, hi)});
+        };
+        int done = strip.min;
+        for (const GeInterval<int>& run : runs) {
+            if (hasElse) part(std::size_t(in.partAt) + 1, std::size_t(in.endAt), done, run.min);
+            part(at + 1, std::size_t(in.partAt), run.min, run.max);
+            done = run.max;
+        }
+        if (hasElse) part(std::size_t(in.partAt) + 1, std::size_t(in.endAt), done, strip.max);
+        return std::size_t(in.endAt) + 1;
+    }
     KelStripMask then, otherwise{nullptr, false, false, {}};
-    const Uniformity u = mask.all ? uniformity(condition, strip) : Uniformity{false, false};
-    if (u.allTrue || u.allFalse) {
-        const KelStripMask full{nullptr, true, true, strip};
-        then = u.allTrue ? full : otherwise;
-        if (hasElse && u.allFalse) otherwise = full;
-    } else {
+    {
         then = narrowStrip(mask, condition, false, *_masks[std::size_t(in.masks[0])], strip);
         if (hasElse) otherwise = narrowStrip(mask, condition, true, *_masks[std::size_t(in.masks[1])], strip);
     }

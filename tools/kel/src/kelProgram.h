@@ -50,6 +50,15 @@ struct KelStripMask {
     GeInterval<int> span;
 };
 
+// Runs of columns, at most kMax of them, in the order of the columns.
+struct KelRuns {
+    static constexpr int kMax = 8;
+    GeInterval<int> at[kMax];
+    int count = 0;
+    const GeInterval<int>* begin() const { return at; }
+    const GeInterval<int>* end() const { return at + count; }
+};
+
 // One instruction. Steps and stores carry a typed thunk (`run`) and the operation it calls;
 // control flow carries the instruction indices of its parts.
 struct KelInstruction {
@@ -287,7 +296,7 @@ private:
     void runAssignment(const KelInstruction& in, const KelInstruction& store, const GeInterval<int>& strip,
                        const KelStripMask& mask);
     void runStore(const KelInstruction& in, const GeInterval<int>& strip, const KelStripMask& mask);
-    bool fewRuns(const KelStripMask& mask, const GeInterval<int>& strip);
+    static bool runsOf(const IxScanline<float>& row, const GeInterval<int>& strip, KelRuns& runs);
     static int firstActive(const KelStripMask& mask, const GeInterval<int>& strip);
 
     const KelProgram& _program;
@@ -298,7 +307,7 @@ private:
     std::vector<std::unique_ptr<IxScanline<float>>> _masks;
     std::vector<const KelImageEntry*> _images;
     std::vector<KelValue*> _stored;
-    std::vector<GeInterval<int>> _runs;
+    KelRuns _runs;
 };
 
 template <class D, class A, class B>
