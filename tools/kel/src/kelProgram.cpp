@@ -901,11 +901,17 @@ std::size_t KelProgramRun::runIf(std::size_t at, const GeInterval<int>& strip, c
     const KelInstruction& in = _program.code()[at];
     const IxScanline<float>& condition = row<float>(in.operands[0]);
     const bool hasElse = _program.code()[std::size_t(in.partAt)].kind == KelInstruction::Kind::Else;
-    // Under a full mask, a condition of few runs (one, most often) runs each part over its own
-    // runs with every column active, the runs in the order of the columns: each column is
-    // computed from itself alone, and the two parts store at different columns.
+    // Under a full mask, a condition of few runs (one, most often: the test without a branch
+    // tells it first) runs each part over its own runs with every column active, the runs in the
+    // order of the columns: each column is computed from itself alone, and the two parts store
+    // at different columns.
     KelRuns runs;
-    if (mask.all && runsOf(condition, strip, runs)) {
+    const Uniformity u = mask.all ? uniformity(condition, strip) : Uniformity{false, false};
+    if (u.allTrue || u.allFalse) {
+        runs.count = u.allTrue ? 1 : 0;
+        runs.at[0] = strip;
+    }
+    if (u.allTrue || u.allFalse || (mask.all && runsOf(condition, strip, runs))) {
         auto part = [&](std::size_t begin, std::size_t end, int lo, int hi) {
             if (lo < hi) runRange(begin, end, GeInterval<int>(lo, hi), KelStripMask{nullptr, true, true, GeInterval<int>(lo, hi)});
         };
