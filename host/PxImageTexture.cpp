@@ -28,6 +28,10 @@
 #include <cmath>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "IxScanlineUtil.h"
 #include "PxImage.h"
 
@@ -124,17 +128,22 @@ private:
         const float y = ys[lo], first = xs[lo];
         if (!(std::fabs(y) < kExact && std::fabs(first) < kExact && y == std::floor(y) && first == std::floor(first)))
             return false;
-        // Blocks of eight without a branch, as the scanline operations go: this test runs for
-        // every row of positions that the sampler is given.
-        constexpr int kBlock = 8;
+        // This test runs for every row of positions that the sampler is given: four columns at a
+        // time, the differences gathered over the whole row and tested once (a test per block
+        // cost more than the reads). The expected positions count up by four from `first`,
+        // exactly, as whole floats this small do.
         int x = lo;
-        for (; x + kBlock <= hi; x += kBlock) {
-            const float base = first + float(x - lo);
-            int off = 0;
-KEL_IVDEP
-            for (int i = 0; i < kBlock; ++i) off |= int(ys[x + i] != y) | int(xs[x + i] != base + float(i));
-            if (off) return false;
+#if defined(__SSE2__)
+        const __m128 yv = _mm_set1_ps(y), four = _mm_set1_ps(4.0f);
+        __m128 expected = _mm_add_ps(_mm_set1_ps(first), _mm_setr_ps(0.0f, 1.0f, 2.0f, 3.0f));
+        __m128 differs = _mm_setzero_ps();
+        for (; x + 4 <= hi; x += 4) {
+            differs = _mm_or_ps(differs, _mm_cmpneq_ps(_mm_loadu_ps(ys + x), yv));
+            differs = _mm_or_ps(differs, _mm_cmpneq_ps(_mm_loadu_ps(xs + x), expected));
+            expected = _mm_add_ps(expected, four);
         }
+        if (_mm_movemask_ps(differs) != 0) return false;
+#endif
         for (; x < hi; ++x)
             if (ys[x] != y || xs[x] != first + float(x - lo)) return false;
         const int row = int(y), shift = int(first) - lo;  // column x reads pixel x + shift
