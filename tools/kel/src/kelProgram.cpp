@@ -924,11 +924,9 @@ std::size_t KelProgramRun::runIf(std::size_t at, const GeInterval<int>& strip, c
         if (hasElse) part(std::size_t(in.partAt) + 1, std::size_t(in.endAt), done, strip.max);
         return std::size_t(in.endAt) + 1;
     }
-    KelStripMask then, otherwise{nullptr, false, false, {}};
-    {
-        then = narrowStrip(mask, condition, false, *_masks[std::size_t(in.masks[0])], strip);
-        if (hasElse) otherwise = narrowStrip(mask, condition, true, *_masks[std::size_t(in.masks[1])], strip);
-    }
+    const KelStripMask then = narrowStrip(mask, condition, false, *_masks[std::size_t(in.masks[0])], strip);
+    KelStripMask otherwise{nullptr, false, false, {}};
+    if (hasElse) otherwise = narrowStrip(mask, condition, true, *_masks[std::size_t(in.masks[1])], strip);
     if (then.any) runRange(at + 1, std::size_t(in.partAt), then.span, then);
     if (otherwise.any) runRange(std::size_t(in.partAt) + 1, std::size_t(in.endAt), otherwise.span, otherwise);
     return std::size_t(in.endAt) + 1;
