@@ -5,6 +5,8 @@
 // aspect in x.
 #pragma once
 
+#include <algorithm>
+
 #include <memory>
 #include <vector>
 
@@ -222,6 +224,19 @@ public:
             if (active && active[x] == 0.0f) continue;
             const double coords[2] = {double(xs[x]), double(ys[x])};
             sampleAt(out[x], coords, none);
+        }
+    }
+    // out[x] = out[x] + sampleAt((xs[x], ys[x])) at the same columns as sampleRow, in that order
+    // of operands: a sum of neighbours (`sum += sample(src, x + i, y + j)`) without a row of
+    // samples between. By default the samples go through sampleRow, a piece at a time.
+    virtual void addRow(Color* out, const float* xs, const float* ys, const float* active, int lo, int hi) const {
+        constexpr int kPiece = 64;
+        Color samples[kPiece];
+        for (int begin = lo; begin < hi; begin += kPiece) {
+            const int end = std::min(begin + kPiece, hi);
+            sampleRow(samples - begin, xs, ys, active, begin, end);
+            for (int x = begin; x < end; ++x)
+                if (!active || active[x] != 0.0f) out[x] = out[x] + samples[x - begin];
         }
     }
     // Called for each ordered pair of distinct samplers of one tile; a sampler that can share

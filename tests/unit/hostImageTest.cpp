@@ -209,7 +209,7 @@ TEST(HostSampler, NearestAndClampModes) {
 // apart at whole coordinates shifted across the image's edges and the sampler's tile borders (a
 // neighbourhood read), and rows that share one y (a warp); at two scales, in both filter modes
 // and every wrap mode. Infinite and signalling NaN pixels come out as the filter's multiply
-// gives them.
+// gives them. addRow adds those bits to a row of sums.
 TEST(HostSampler, TheRowPathsGiveTheBitsOfSampleAt) {
     constexpr int kWidth = 300, kHeight = 40, lo = -9, hi = 600;
     constexpr std::size_t n = hi - lo;
@@ -262,10 +262,15 @@ TEST(HostSampler, TheRowPathsGiveTheBitsOfSampleAt) {
                     std::vector<Color> whole(n, untouched), masked(n, untouched);
                     sampler->sampleRow(whole.data() - lo, xs.data() - lo, ys.data() - lo, nullptr, lo, hi);
                     sampler->sampleRow(masked.data() - lo, xs.data() - lo, ys.data() - lo, active.data() - lo, lo, hi);
+                    // addRow adds the same samples to a sum (a negative zero turns positive where nothing is read).
+                    const Color start(-0.0f, 0.25f, -7.0f, 3.0f);
+                    std::vector<Color> sums(n, start);
+                    sampler->addRow(sums.data() - lo, xs.data() - lo, ys.data() - lo, active.data() - lo, lo, hi);
                     for (std::size_t i = 0; i < n; ++i) {
                         const Color expected = sampleAt(*sampler, double(xs[i]), double(ys[i]));
                         ASSERT_TRUE(sameBits(whole[i], expected)) << "column " << int(i) + lo;
                         ASSERT_TRUE(sameBits(masked[i], active[i] != 0.0f ? expected : untouched)) << "masked column " << int(i) + lo;
+                        ASSERT_TRUE(sameBits(sums[i], active[i] != 0.0f ? start + expected : start)) << "added column " << int(i) + lo;
                     }
                 }
             }

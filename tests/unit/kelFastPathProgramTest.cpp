@@ -41,6 +41,13 @@ const char* const kScripts[] = {
     "float w = width(src); out = src * (x / w); image i = src; out += sample(i) * 0.5;",
     // a partial first store; a declaration that reads itself; a store of a variable into itself
     "if (x > 10) out = src; float a = x; if (y > 2) { float b = b + a; a = b * 2; } a = a; out += color(a, a, a, 1);",
+    // chains of uniform operands on either side, across steps of literals alone
+    "out = (2 - src) / color(1.5, -0.5, 0, 4) - 0.25; out += 1 - src * k; out = color(2, 2, 2, 0) / (src + color(-0.1, 0, 0, 0)) * 3;",
+    // sums of samples under masks, whole and between pixels; loops over counters (the constant on
+    // either side, nested under a mask) and a counter that the body changes under a mask
+    "color s = color(0, 0, 0, 0); if (r(src) > 0) { for (float j = 2; -2 <= j; j--) { for (float i = -2; i <= 2; i += 1)"
+    " s += sample(src, x + i * 1.5, y + j); } } else { float n = 0; while (n < 3) { s += sample(src, x - n, y); n += 1;"
+    " if (x > 100) n += 1; } } out = s;",
     // sampling between pixels under a mask
     "if (g(src) < 0.5) out = sample(src, x + 0.5 * sin(y), y - 0.3); else out = sample(src, x - 1, y + 1);",
 };

@@ -181,6 +181,7 @@ struct FunctionSample {
     // An input image's current pixel is its row; sampling at coordinates goes through its sampler.
     static int compile(const FunctionCallNode& node, KelProgramBuilder& program);
     static void rows(const KelRowCall& call);
+    static void addRows(const KelRowCall& call);
 };
 
 // `sampleClamp`, `sampleWrap`, `sampleMirror` (image, x, y): overload 0 of `sample` through the

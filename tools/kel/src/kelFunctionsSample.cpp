@@ -73,21 +73,30 @@ RCShdPtr<KelValue> sampleCurrentPixel(const FunctionCallNode& node, KelContext& 
 
 }  // namespace
 
+namespace {
+
 // Sampling of one image at coordinates, over the call's columns; inactive columns are not
-// written. An entry without sampler gives opaque black.
-void FunctionSample::rows(const KelRowCall& call) {
+// written. An entry without sampler gives opaque black. Add: the samples are added to the
+// result row's colours (`sum += sample(...)`) instead.
+template <bool Add>
+void sampleRows(const KelRowCall& call) {
     Zt::Color* out = static_cast<IxScanline<Zt::Color>*>(call.result)->data();
     const float* active = call.active ? call.active->data() : nullptr;
-    const KelImageEntry& entry = *call.image;
-    if (entry.sampler) {
-        entry.sampler->sampleRow(out, static_cast<const IxScanline<float>*>(call.arguments[0])->data(),
-                                 static_cast<const IxScanline<float>*>(call.arguments[1])->data(), active, call.columns.min,
-                                 call.columns.max);
+    const float* xs = static_cast<const IxScanline<float>*>(call.arguments[0])->data();
+    const float* ys = static_cast<const IxScanline<float>*>(call.arguments[1])->data();
+    if (const auto& sampler = call.image->sampler) {
+        if constexpr (Add) sampler->addRow(out, xs, ys, active, call.columns.min, call.columns.max);
+        else sampler->sampleRow(out, xs, ys, active, call.columns.min, call.columns.max);
         return;
     }
     for (int x = call.columns.min; x < call.columns.max; ++x)
-        if (!active || active[x] != 0.0f) out[x] = kOpaqueBlack;
+        if (!active || active[x] != 0.0f) out[x] = Add ? out[x] + kOpaqueBlack : kOpaqueBlack;
 }
+
+}  // namespace
+
+void FunctionSample::rows(const KelRowCall& call) { sampleRows<false>(call); }
+void FunctionSample::addRows(const KelRowCall& call) { sampleRows<true>(call); }
 
 int FunctionSample::compile(const FunctionCallNode& node, KelProgramBuilder& program) {
     const int image = node.argument(0)->compile(program);
@@ -96,7 +105,7 @@ int FunctionSample::compile(const FunctionCallNode& node, KelProgramBuilder& pro
     const int xs = node.argument(1)->compile(program);
     const int ys = xs < 0 ? xs : node.argument(2)->compile(program);
     if (ys < 0) return KelProgramBuilder::kFails;
-    return program.call(&rows, KelValueTypes::Color, {xs, ys}, image);
+    return program.call(&rows, KelValueTypes::Color, {xs, ys}, image, &addRows);
 }
 
 // (image, float, float) and (image), both colour; the wrap finds the second.

@@ -3,8 +3,10 @@
 #include "kelProgram.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <span>
+#include <utility>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -94,6 +96,13 @@ template <int N, class Get>
     }
 }
 
+// Link k's operand when it is uniform: its value at the strip's first column, in every lane.
+Lanes uniformOperand(const KelInstruction& in, KelProgramRun& run, int k, const GeInterval<int>& strip) {
+    const int slot = in.operands[k + 1];
+    return in.links[k].operand == 2 ? lanesOf(run.row<Color>(slot).data()[strip.min])
+                                    : lanesOf(run.row<float>(slot).data()[strip.min]);
+}
+
 // The operands of a chain's links over one strip.
 struct ChainOperands {
     const Color* colors[KelInstruction::kMaxLinks] = {};
@@ -139,13 +148,52 @@ void runChain(const KelInstruction& in, KelProgramRun& run, void* destination, c
         switch (in.links[k].operand) {
             case 0: operands.colors[k] = run.row<Color>(slot).data(); break;
             case 1: operands.floats[k] = run.row<float>(slot).data(); break;
-            case 2: operands.uniform[k] = lanesOf(run.row<Color>(slot).data()[strip.min]); break;
-            default: operands.uniform[k] = lanesOf(run.row<float>(slot).data()[strip.min]); break;
+            default: operands.uniform[k] = uniformOperand(in, run, k, strip); break;
         }
     }
     int x = strip.min;
     for (; x + 8 <= strip.max; x += 8) chainBlock<8>(in, operands, a, d, x);
     for (; x < strip.max; ++x) chainBlock<1>(in, operands, a, d, x);
+}
+
+// A chain of one or two links whose operands are all uniform (a colour of literals, a gain), as
+// a grade is: its operations are fixed when the program is made, so the loop over the strip
+// chooses nothing per block. The same lane operations as runChain, in the same order.
+template <int Links, int Op0, bool Right0, int Op1, bool Right1>
+void runUniformChain(const KelInstruction& in, KelProgramRun& run, void* destination, const GeInterval<int>& strip,
+                     const KelStripMask&) {
+    Color* d = static_cast<IxScanline<Color>*>(destination)->data();
+    const Color* a = run.row<Color>(in.operands[0]).data();
+    const Lanes u0 = uniformOperand(in, run, 0, strip);
+    const Lanes u1 = Links > 1 ? uniformOperand(in, run, 1, strip) : u0;
+#pragma GCC unroll 4
+    for (int x = strip.min; x < strip.max; ++x) {
+        Lanes acc = lanesOf(a[x]);
+        acc = Right0 ? combine<Op0>(u0, acc) : combine<Op0>(acc, u0);
+        if constexpr (Links > 1) acc = Right1 ? combine<Op1>(u1, acc) : combine<Op1>(acc, u1);
+        store(d[x], acc);
+    }
+}
+
+// The forms of a link (its operation and side) number 0 to 7 as op * 2 + onRight; a table per
+// link count holds a loop for each combination of forms.
+template <std::size_t... Form>
+constexpr std::array<KelInstruction::Run, sizeof...(Form)> oneLinkChains(std::index_sequence<Form...>) {
+    return {&runUniformChain<1, int(Form / 2), Form % 2 == 1, 0, false>...};
+}
+template <std::size_t... Forms>
+constexpr std::array<KelInstruction::Run, sizeof...(Forms)> twoLinkChains(std::index_sequence<Forms...>) {
+    return {&runUniformChain<2, int(Forms / 16), Forms / 8 % 2 == 1, int(Forms % 8 / 2), Forms % 2 == 1>...};
+}
+constexpr auto kOneLinkChains = oneLinkChains(std::make_index_sequence<8>());
+constexpr auto kTwoLinkChains = twoLinkChains(std::make_index_sequence<64>());
+
+// The loop of its own for a chain of uniform operands, else runChain.
+KelInstruction::Run chainLoop(const KelInstruction& in) {
+    auto form = [&](int k) { return std::size_t(in.links[k].op * 2 + int(in.links[k].onRight)); };
+    const bool uniform = std::all_of(in.links, in.links + in.linkCount, [](const KelInstruction::Link& l) { return l.operand >= 2; });
+    if (!uniform || in.linkCount > 2) return &runChain;
+    return in.linkCount == 1 ? kOneLinkChains[form(0)] : kTwoLinkChains[form(0) * 8 + form(1)];
 }
 
 // Whether the condition is true (not 0.0, NaN included) at every column of the strip, or at
@@ -269,6 +317,8 @@ std::unique_ptr<KelProgram> KelProgramBuilder::finish() {
     const auto& code = _program->_code;
     const bool streams = std::any_of(slots.begin(), slots.end(), [](const KelSlot& s) { return s.kind == KelSlot::Kind::CurrentPixel; });
     const auto work = std::count_if(code.begin(), code.end(), [](const KelInstruction& in) { return !in.constant; });
+    for (KelInstruction& in : _program->_code)
+        if (in.run == &runChain) in.run = chainLoop(in);
     _program->_stripWidth = streams && !_program->_hasLoop && std::size_t(work) <= kShortProgram ? kStreamingStripWidth : kStripWidth;
     std::unique_ptr<KelProgram> done = std::move(_program);
     _program.reset(new KelProgram);
@@ -429,6 +479,14 @@ int KelProgramBuilder::colorArithmetic(KelInstruction::AnyFunction operation, in
     auto kindOf = [&](int slot, bool color) -> uint8_t { return uint8_t((color ? 0 : 1) + (isConstant(slot) ? 2 : 0)); };
     std::vector<KelInstruction>& code = _program->_code;
     // The chain that computed one operand just before takes this operation as its next link.
+    // Steps of literals alone in between (the other operand, `color(0.05, 0.02, 0, 0)`) run
+    // once a tile before any strip and read no chain, so the chain moves after them.
+    auto latest = std::find_if(code.rbegin(), code.rend(), [](const KelInstruction& in) {
+        return !(in.kind == KelInstruction::Kind::Step && in.constant);
+    });
+    if (latest != code.rend() && latest->run == &runChain && !latest->constant) {
+        std::rotate(latest.base() - 1, latest.base(), code.end());
+    }
     if (!code.empty()) {
         KelInstruction& last = code.back();
         const bool extends = last.run == &runChain && !last.constant && last.linkCount < KelInstruction::kMaxLinks;
@@ -453,7 +511,8 @@ int KelProgramBuilder::colorArithmetic(KelInstruction::AnyFunction operation, in
     return result;
 }
 
-int KelProgramBuilder::call(KelRowKernel kernel, int resultType, const std::vector<int>& arguments, int image) {
+int KelProgramBuilder::call(KelRowKernel kernel, int resultType, const std::vector<int>& arguments, int image,
+                            KelRowKernel addInto) {
     int imageIndex = -1;
     if (image != -1) {
         if (image < 0 || typeOf(image) != KelValueTypes::Image) return kFails;
@@ -466,6 +525,7 @@ int KelProgramBuilder::call(KelRowKernel kernel, int resultType, const std::vect
         // What an image gives depends on the row: never run once for the tile.
         KelInstruction& in = _program->_code.back();
         in.image = imageIndex;
+        in.addInto = reinterpret_cast<KelInstruction::AnyFunction>(addInto);
         if (in.constant) {
             in.constant = false;
             _constantSlots[std::size_t(result)] = false;
@@ -499,6 +559,7 @@ int KelProgramBuilder::addStore(KelInstruction::Run run, KelInstruction::AnyFunc
         in.unmasked = true;
     }
     _declaredSlot = -1;
+    if (!plainAssignment && addsInto(operation, variable, value)) return variable;
     if (direct && !code.empty()) {
         KelInstruction& last = code.back();
         if (last.kind == KelInstruction::Kind::Step && !last.constant && last.result == value) {
@@ -507,10 +568,36 @@ int KelProgramBuilder::addStore(KelInstruction::Run run, KelInstruction::AnyFunc
     }
     code.push_back(in);
     release(value);
+    noteStored(variable);
+    return variable;
+}
+
+// `colour += call` where the call, just before, can add into a row: the call becomes that kernel
+// over the variable's row, which it reads (an operand, for what the program guarantees) and
+// writes at the active columns, and the store goes. The sum's operands are in the store's order.
+bool KelProgramBuilder::addsInto(KelInstruction::AnyFunction operation, int variable, int value) {
+    const auto add = reinterpret_cast<KelInstruction::AnyFunction>(&IxScanlineUtil::accumulateScanline<Color, Color>);
+    std::vector<KelInstruction>& code = _program->_code;
+    if (operation != add || code.empty() || typeOf(variable) != KelValueTypes::Color) return false;
+    KelInstruction& last = code.back();
+    if (last.kind != KelInstruction::Kind::Step || !last.addInto || last.constant || last.result != value ||
+        std::find(std::begin(last.operands), std::end(last.operands), value) != std::end(last.operands))
+        return false;
+    int* free = std::find(std::begin(last.operands), std::end(last.operands), -1);
+    if (free == std::end(last.operands)) return false;
+    *free = variable;
+    last.operation = last.addInto;
+    last.addInto = nullptr;
+    last.result = variable;
+    release(value);
+    noteStored(variable);
+    return true;
+}
+
+void KelProgramBuilder::noteStored(int variable) {
     const int id = _program->_slots[std::size_t(variable)].variable;
     if (std::find(_program->_stored.begin(), _program->_stored.end(), id) == _program->_stored.end())
         _program->_stored.push_back(id);
-    return variable;
 }
 
 int KelProgramBuilder::declare(int id, int type, int writable) {
@@ -579,7 +666,37 @@ void KelProgramBuilder::loopTest(int condition) {
 void KelProgramBuilder::endLoop() {
     markPart(true);
     append(KelInstruction::Kind::EndLoop);
+    const std::size_t loop = _openControl.back();
+    _program->_code[loop].counted = counts(loop);
     _openControl.pop_back();
+}
+
+// A loop over a counter, `for (float i = -3; i <= 3; i++)`: the counter is set to a constant just
+// before the loop, its test compares it with a constant, and the body changes it only by its
+// last statement, a store of a constant under the loop's own mask. Every active column then
+// holds the same counter on every pass, so the test gives one answer for all of them.
+bool KelProgramBuilder::counts(std::size_t loop) const {
+    const std::vector<KelInstruction>& code = _program->_code;
+    const KelInstruction& head = code[loop];
+    const std::size_t test = std::size_t(head.partAt), end = std::size_t(head.endAt);
+    if (loop == 0 || test != loop + 2 || end < test + 2) return false;
+    const KelInstruction& compare = code[loop + 1];
+    if (compare.kind != KelInstruction::Kind::Step || compare.constant || compare.image >= 0 ||
+        compare.result != code[test].operands[0] ||
+        compare.operands[2] >= 0 || compare.operands[0] < 0 || compare.operands[1] < 0)
+        return false;
+    const int first = compare.operands[0], second = compare.operands[1];
+    const int counter = isConstant(first) ? second : first;
+    if (!isConstant(first == counter ? second : first) || _program->_slots[std::size_t(counter)].kind != KelSlot::Kind::Variable)
+        return false;
+    auto setsConstant = [&](const KelInstruction& in) {
+        return in.kind == KelInstruction::Kind::Store && in.result == counter && isConstant(in.operands[0]);
+    };
+    const KelInstruction& init = code[loop - 1];
+    if (!setsConstant(init) || !init.assigns || !setsConstant(code[end - 1])) return false;
+    return std::none_of(code.begin() + std::ptrdiff_t(test) + 1, code.begin() + std::ptrdiff_t(end) - 1, [&](const KelInstruction& in) {
+        return in.result == counter || in.storeInto == counter;
+    });
 }
 
 // ---- Binding and running ------------------------------------------------------------------------
@@ -679,23 +796,31 @@ void KelProgramRun::run(KelContext& context) {
     for (KelValue* value : _stored) value->setUniform(false);
 }
 
-// The runs of active columns of a partial mask over the strip, into _runs, when there are
-// at most kMaxRuns of them. Masks that scripts make are mostly long runs, and a run is computed
-// as a strip of its own with every column active: the unmasked form of each operation, no test
-// per column. Worth it for colour rows, whose masked stores test column by column; masked float
-// stores are a select per block already.
-bool KelProgramRun::fewRuns(const KelStripMask& mask, const GeInterval<int>& strip) {
-    constexpr std::size_t kMaxRuns = 8;
+// A column that the mask holds: strips without one never run.
+int KelProgramRun::firstActive(const KelStripMask& mask, const GeInterval<int>& strip) {
+    if (mask.all) return strip.min;
     const float* m = mask.row->data();
-    _runs.clear();
+    int x = std::max(strip.min, mask.span.min);
+    while (x + 1 < strip.max && m[x] == 0.0f) ++x;
+    return x;
+}
+
+// The runs of columns where the row is not 0.0 (NaN included) over the strip, into `runs`, when
+// there are at most KelRuns::kMax of them. Masks and conditions that scripts make are mostly long
+// runs, and a run is computed as a strip of its own with every column active: the unmasked form
+// of each operation, no test per column. Worth it for colour rows, whose masked stores test
+// column by column; masked float stores are a select per block already.
+bool KelProgramRun::runsOf(const IxScanline<float>& row, const GeInterval<int>& strip, KelRuns& runs) {
+    const float* m = row.data();
+    runs.count = 0;
     bool inRun = false;
     int start = 0;
     auto toggle = [&](int x) {
         if (!inRun) {
-            if (_runs.size() == kMaxRuns) return false;
+            if (runs.count == KelRuns::kMax) return false;
             start = x;
         } else {
-            _runs.emplace_back(start, x);
+            runs.at[runs.count++] = GeInterval<int>(start, x);
         }
         inRun = !inRun;
         return true;
@@ -712,7 +837,7 @@ bool KelProgramRun::fewRuns(const KelStripMask& mask, const GeInterval<int>& str
 #endif
     for (; x < strip.max; ++x)
         if ((m[x] != 0.0f) != inRun && !toggle(x)) return false;
-    if (inRun) _runs.emplace_back(start, strip.max);
+    if (inRun) runs.at[runs.count++] = GeInterval<int>(start, strip.max);
     return true;
 }
 
@@ -723,7 +848,7 @@ void KelProgramRun::runAssignment(const KelInstruction& in, const KelInstruction
                                   const KelStripMask& mask) {
     void* variable = rowPointer(in.storeInto);
     if (mask.all || store.unmasked) return in.run(in, *this, variable, strip, KelStripMask{});
-    if (_program.slots()[std::size_t(in.result)].type == KelValueTypes::Color && fewRuns(mask, strip)) {
+    if (_program.slots()[std::size_t(in.result)].type == KelValueTypes::Color && runsOf(*mask.row, strip, _runs)) {
         for (const GeInterval<int>& run : _runs) in.run(in, *this, variable, run, KelStripMask{});
         return;
     }
@@ -733,7 +858,7 @@ void KelProgramRun::runAssignment(const KelInstruction& in, const KelInstruction
 
 void KelProgramRun::runStore(const KelInstruction& in, const GeInterval<int>& strip, const KelStripMask& mask) {
     if (mask.all || in.unmasked) return in.run(in, *this, nullptr, strip, KelStripMask{});
-    if (_program.slots()[std::size_t(in.result)].type == KelValueTypes::Color && fewRuns(mask, strip)) {
+    if (_program.slots()[std::size_t(in.result)].type == KelValueTypes::Color && runsOf(*mask.row, strip, _runs)) {
         for (const GeInterval<int>& run : _runs) in.run(in, *this, nullptr, run, KelStripMask{});
         return;
     }
@@ -776,16 +901,32 @@ std::size_t KelProgramRun::runIf(std::size_t at, const GeInterval<int>& strip, c
     const KelInstruction& in = _program.code()[at];
     const IxScanline<float>& condition = row<float>(in.operands[0]);
     const bool hasElse = _program.code()[std::size_t(in.partAt)].kind == KelInstruction::Kind::Else;
-    KelStripMask then, otherwise{nullptr, false, false, {}};
+    // Under a full mask, a condition of few runs (one, most often: the test without a branch
+    // tells it first) runs each part over its own runs with every column active, the runs in the
+    // order of the columns: each column is computed from itself alone, and the two parts store
+    // at different columns.
+    KelRuns runs;
     const Uniformity u = mask.all ? uniformity(condition, strip) : Uniformity{false, false};
     if (u.allTrue || u.allFalse) {
-        const KelStripMask full{nullptr, true, true, strip};
-        then = u.allTrue ? full : otherwise;
-        if (hasElse && u.allFalse) otherwise = full;
-    } else {
-        then = narrowStrip(mask, condition, false, *_masks[std::size_t(in.masks[0])], strip);
-        if (hasElse) otherwise = narrowStrip(mask, condition, true, *_masks[std::size_t(in.masks[1])], strip);
+        runs.count = u.allTrue ? 1 : 0;
+        runs.at[0] = strip;
     }
+    if (u.allTrue || u.allFalse || (mask.all && runsOf(condition, strip, runs))) {
+        auto part = [&](std::size_t begin, std::size_t end, int lo, int hi) {
+            if (lo < hi) runRange(begin, end, GeInterval<int>(lo, hi), KelStripMask{nullptr, true, true, GeInterval<int>(lo, hi)});
+        };
+        int done = strip.min;
+        for (const GeInterval<int>& run : runs) {
+            if (hasElse) part(std::size_t(in.partAt) + 1, std::size_t(in.endAt), done, run.min);
+            part(at + 1, std::size_t(in.partAt), run.min, run.max);
+            done = run.max;
+        }
+        if (hasElse) part(std::size_t(in.partAt) + 1, std::size_t(in.endAt), done, strip.max);
+        return std::size_t(in.endAt) + 1;
+    }
+    const KelStripMask then = narrowStrip(mask, condition, false, *_masks[std::size_t(in.masks[0])], strip);
+    KelStripMask otherwise{nullptr, false, false, {}};
+    if (hasElse) otherwise = narrowStrip(mask, condition, true, *_masks[std::size_t(in.masks[1])], strip);
     if (then.any) runRange(at + 1, std::size_t(in.partAt), then.span, then);
     if (otherwise.any) runRange(std::size_t(in.partAt) + 1, std::size_t(in.endAt), otherwise.span, otherwise);
     return std::size_t(in.endAt) + 1;
@@ -797,6 +938,19 @@ std::size_t KelProgramRun::runIf(std::size_t at, const GeInterval<int>& strip, c
 std::size_t KelProgramRun::runLoop(std::size_t at, const GeInterval<int>& strip, const KelStripMask& mask) {
     const KelInstruction& in = _program.code()[at];
     const std::size_t test = std::size_t(in.partAt);
+    if (in.counted) {
+        // The test at one active column answers for all; the mask stays as it is.
+        const int column = firstActive(mask, strip);
+        const GeInterval<int> one(column, column + 1);
+        const float& answer = row<float>(_program.code()[test].operands[0]).data()[column];
+        for (;;) {
+            runRange(at + 1, test, one, KelStripMask{nullptr, true, true, one});
+            if (answer == 0.0f) break;
+            PxRequestMgr::getInstance().checkRequest();
+            runRange(test + 1, std::size_t(in.endAt), strip, mask);
+        }
+        return std::size_t(in.endAt) + 1;
+    }
     IxScanline<float>& loopMask = *_masks[std::size_t(in.masks[0])];
     KelStripMask current = mask;
     GeInterval<int> columns = strip;

@@ -50,6 +50,15 @@ struct KelStripMask {
     GeInterval<int> span;
 };
 
+// Runs of columns, at most kMax of them, in the order of the columns.
+struct KelRuns {
+    static constexpr int kMax = 8;
+    GeInterval<int> at[kMax];
+    int count = 0;
+    const GeInterval<int>* begin() const { return at; }
+    const GeInterval<int>* end() const { return at + count; }
+};
+
 // One instruction. Steps and stores carry a typed thunk (`run`) and the operation it calls;
 // control flow carries the instruction indices of its parts.
 struct KelInstruction {
@@ -68,6 +77,8 @@ struct KelInstruction {
     bool assigns = false;    // Store: `=`, which writes the whole value (the others combine)
     bool unmasked = false;   // Store: the first of a variable just declared, so at every column
     bool constant = false;   // Step: all operands constant; run once a tile, not per strip
+    bool counted = false;    // Loop: its test gives one answer at every active column (kelProgram.cpp)
+    AnyFunction addInto = nullptr;  // Step of a built-in: its kernel that adds its colours to the result's
     int masks[2] = {-1, -1};  // If: then and else masks; Loop: the loop's mask
     // A chain of colour arithmetic: the running colour starts as operands[0] and each link
     // combines it with the next operand (kelProgram.cpp).
@@ -185,7 +196,10 @@ public:
         return step(&runUnary<D, S>, reinterpret_cast<KelInstruction::AnyFunction>(operation), typeNumber<D>(), &a, 1);
     }
     // A built-in's kernel over its argument slots; `image` is the slot of its image argument.
-    int call(KelRowKernel kernel, int resultType, const std::vector<int>& arguments, int image = -1);
+    // `addInto`, when given, adds the call's colours to the result row's (result = result + colour),
+    // so that a colour variable's `+=` of the call is that kernel alone.
+    int call(KelRowKernel kernel, int resultType, const std::vector<int>& arguments, int image = -1,
+             KelRowKernel addInto = nullptr);
 
     // Statements. A store is masked by the strip's mask, a declaration is not.
     template <class D, class S>
@@ -230,12 +244,15 @@ private:
     int colorArithmetic(KelInstruction::AnyFunction operation, int a, int b);
     int addStore(KelInstruction::Run run, KelInstruction::AnyFunction operation, int variable, int value,
                  bool plainAssignment, bool direct);
+    bool addsInto(KelInstruction::AnyFunction operation, int variable, int value);
+    void noteStored(int variable);
     KelInstruction& append(KelInstruction::Kind kind);
     void markPart(bool end);
     int newSlot(const KelSlot& slot);
     int temporary(int type);
     void release(int slot);
     bool isConstant(int slot) const;
+    bool counts(std::size_t loop) const;
 
     const KelProgramScope& _scope;
     std::unique_ptr<KelProgram> _program;
@@ -279,7 +296,8 @@ private:
     void runAssignment(const KelInstruction& in, const KelInstruction& store, const GeInterval<int>& strip,
                        const KelStripMask& mask);
     void runStore(const KelInstruction& in, const GeInterval<int>& strip, const KelStripMask& mask);
-    bool fewRuns(const KelStripMask& mask, const GeInterval<int>& strip);
+    static bool runsOf(const IxScanline<float>& row, const GeInterval<int>& strip, KelRuns& runs);
+    static int firstActive(const KelStripMask& mask, const GeInterval<int>& strip);
 
     const KelProgram& _program;
     bool _usable = true;
@@ -289,7 +307,7 @@ private:
     std::vector<std::unique_ptr<IxScanline<float>>> _masks;
     std::vector<const KelImageEntry*> _images;
     std::vector<KelValue*> _stored;
-    std::vector<GeInterval<int>> _runs;
+    KelRuns _runs;
 };
 
 template <class D, class A, class B>
