@@ -154,7 +154,7 @@ def test_a_result_keeps_its_pixels_through_later_renders(keep):
 
 
 def test_two_threads_render_at_once_and_release_the_gil():
-    script = kel.compile(HEAVY, inputs=[], floats={"n": 2000})
+    script = kel.compile(HEAVY, inputs=[], floats={"n": 100000})  # some tenths of a second a render
     alone = script.render(size=(96, 64), threads=1)
     results, ticks = [], 0
     threads = [threading.Thread(target=lambda: results.append(script.render(size=(96, 64), threads=1)))
@@ -171,7 +171,7 @@ def test_two_threads_render_at_once_and_release_the_gil():
 
 def test_an_interrupt_cancels_only_the_main_threads_render():
     endless = kel.compile(ENDLESS, inputs=[], floats={})
-    heavy = kel.compile(HEAVY, inputs=[], floats={"n": 8000})  # still rendering when the interrupt comes
+    heavy = kel.compile(HEAVY, inputs=[], floats={"n": 200000})  # still rendering when the interrupt comes
     other = []
     worker = threading.Thread(target=lambda: other.append(heavy.render(size=(96, 64), threads=1)))
     worker.start()
