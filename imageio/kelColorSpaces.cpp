@@ -2,8 +2,7 @@
 
 #include <OpenImageIO/strutil.h>
 
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
+#include "kelFileSupport.h"
 
 namespace Zt::KelApp {
 
@@ -64,7 +63,7 @@ void convertPixels(float* pixels, int width, int rows, std::ptrdiff_t rowStride,
     const AlphaStorage out = toWorking ? AlphaStorage::Premultiplied : file;
     if (!processor && in == out) return;
     const bool straightIn = in == AlphaStorage::Straight, straightOut = out == AlphaStorage::Straight;
-    tbb::parallel_for(tbb::blocked_range<int>(0, rows, 16), [&](const tbb::blocked_range<int>& range) {
+    forBlocks(0, rows, 16, [&](const tbb::blocked_range<int>& range) {
         for (int y = range.begin(); y != range.end(); ++y) {
             float* row = pixels + std::ptrdiff_t(y) * rowStride;
             if (processor) {

@@ -5,8 +5,6 @@
 
 #include <OpenImageIO/strutil.h>
 
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
 
 #include <cmath>
 #include <memory>
@@ -184,7 +182,7 @@ bool readThroughBuffer(OpenedInput& o, Color* pixels, int lo, int hi) {
     std::unique_ptr<float[]> data(new float[std::size_t(s.width) * std::size_t(s.height) * std::size_t(n)]);
     if (!o.in->read_image(o.subimage, 0, lo, hi, TypeDesc::FLOAT, data.get())) return false;
     const ChannelChoice& c = o.channels;
-    tbb::parallel_for(tbb::blocked_range<int>(0, s.height, 16), [&](const tbb::blocked_range<int>& rows) {
+    forBlocks(0, s.height, 16, [&](const tbb::blocked_range<int>& rows) {
         for (int y = rows.begin(); y != rows.end(); ++y) {
             const float* src = data.get() + std::size_t(y) * std::size_t(s.width) * std::size_t(n);
             Color* dst = pixels + std::size_t(s.height - 1 - y) * std::size_t(s.width);
@@ -196,7 +194,7 @@ bool readThroughBuffer(OpenedInput& o, Color* pixels, int lo, int hi) {
 }
 
 void setOpaque(Color* pixels, std::size_t count) {
-    tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count, 65536), [&](const tbb::blocked_range<std::size_t>& r) {
+    forBlocks(std::size_t(0), count, std::size_t(65536), [&](const tbb::blocked_range<std::size_t>& r) {
         for (std::size_t i = r.begin(); i != r.end(); ++i) pixels[i].a = 1.0f;
     });
 }
