@@ -199,7 +199,8 @@ int runRender(PebController& controller, const Invocation& in, const Script& scr
         std::string output;
     } writing;
     const auto cancelled = [&] {
-        // The threads finish first: a reader keeps standard error quiet while it decodes.
+        // The reader and the writer finish first, so that the message is the last word and no
+        // temporary appears after the cancellation has removed them.
         if (reading.valid()) reading.wait();
         if (writing.done.valid()) writing.done.wait();
         progress.clear();
