@@ -45,8 +45,6 @@ namespace {
 constexpr int kTileWidth = 256;
 constexpr int kTileHeight = 16;
 
-int floorDiv(int a, int b) { return a >= 0 ? a / b : -((-a + b - 1) / b); }
-
 class PxTileSampler final : public SdTextureSampler {
 public:
     PxTileSampler(const PxNodePtr<const PxImageProtocol>& node, const PxTimeScaleContext& timeScale,

@@ -8,8 +8,6 @@ namespace Zt {
 
 namespace {
 
-int floorDiv(int a, int b) { return a / b - ((a % b != 0) && (a < 0)); }
-
 void checkLevel(int scaleLevel) {
     // 1 << 30 is the last shift that stays an int.
     if (scaleLevel < 0 || scaleLevel > 30)

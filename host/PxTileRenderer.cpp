@@ -18,9 +18,6 @@ namespace Zt {
 
 namespace {
 
-// Floor division, for tile indices of negative pixel coordinates.
-int floorDiv(int a, int b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0))); }
-
 GeRectangle<int> convertTilesToCell(const PxImageContext& context) {
     return PxImageProtocol::convertTilesToPixels(
         GeRectangle<int>(context.tileX, context.tileX + 1, context.tileY, context.tileY + 1), context);

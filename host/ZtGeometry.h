@@ -49,4 +49,8 @@ struct GeLinearMatrix2 {
     void setIdentity() { *this = GeLinearMatrix2(); }
 };
 
+// a / b rounded down (b > 0), for the tile and pixel indices of negative coordinates, where `/`
+// rounds towards zero.
+constexpr int floorDiv(int a, int b) { return a / b - ((a % b != 0) && (a < 0)); }
+
 }  // namespace Zt

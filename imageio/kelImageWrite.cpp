@@ -184,7 +184,7 @@ bool readsBack(const fs::path& path) {
     return in->read_image(0, 0, 0, spec.nchannels, TypeDesc::FLOAT, data.data());
 }
 
-// The file's pixel rectangle in the frame, and the spec that places it.
+// The file's pixel rectangle in the frame, and the image description that places it.
 ImageSpec fileSpec(const OutputFrame& frame, const OutputSettings& s, GeRectangle<int>& region) {
     const GeRectangle<int>& rect = frame.image.rect;
     // Without windows in the format, the file is the display window.
