@@ -7,6 +7,7 @@
 #include <iostream>
 #include <map>
 
+#include "farm/kelProgram.h"
 #include "kelCommands.h"
 #include "kelFileSupport.h"
 #include "liveCommand.h"
@@ -358,7 +359,7 @@ int main(int argc, char** argv) {
             if (render->count("--compression") > 0) in.write.compression = compression;
             in.write.colorspace = outColorspace;
             in.write.metadata = !noMetadata;
-            for (int i = 0; i < argc; ++i) in.write.history += (i ? " " : "") + std::string(i ? argv[i] : "kel");
+            for (int i = 0; i < argc; ++i) in.write.history += i ? " " + shellWord(argv[i]) : std::string("kel");
         }
         return runCommand(in);
     } catch (const UsageError& e) {

@@ -8,6 +8,7 @@
 
 #include "kelCancellation.h"
 #include "kelFrame.h"
+#include "farm/kelProgram.h"
 #include "kelImageIO.h"
 #include "kelPlugins.h"
 #include "kelRender.h"
@@ -151,16 +152,15 @@ namespace {
 // The file's history records the render as the `kel render` command that makes the same file,
 // so that a picture saved from the page can be made again on a farm.
 std::string renderCommandLine(const Invocation& in) {
-    std::ostringstream line;
-    line << "kel render " << in.scriptPath;
+    std::string line = "kel render " + shellWord(in.scriptPath);
     for (const ParameterOption& p : in.parameters) {
         const char* flag = p.type == PebInterpreterTypes::Image ? " -i " : p.type == PebInterpreterTypes::Float ? " -f " : " -c ";
-        line << flag << p.name << (p.value ? "=" + *p.value : "");
+        line += flag + shellWord(p.name + (p.value ? "=" + *p.value : ""));
     }
-    line << " -o " << in.outputPath;
-    if (in.time != 0.0) line << " --time " << in.time;
-    if (in.seed != 0) line << " --seed " << in.seed;
-    return line.str();
+    line += " -o " + shellWord(in.outputPath);
+    if (in.time != 0.0) line += " --time " + (std::ostringstream() << in.time).str();
+    if (in.seed != 0) line += " --seed " + std::to_string(in.seed);
+    return line;
 }
 
 }  // namespace
