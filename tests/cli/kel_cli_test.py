@@ -89,14 +89,14 @@ def tools_and_version(d):
 def check_messages(d):
     check(json.loads(run("check", "-e", "out = x;", "--json")[1]) == {"ok": True, "errors": []})
     code, _, err = run("check", "-e", "float a = 1;\nout = ;")
-    check(code == 1 and re.match(r"<script>:2:(\d+:)? error: ", err) and err.splitlines()[1] == "out = ;", err)
+    check(code == 1 and re.match(r"<script>:2:7: error: ", err) and err.splitlines()[1] == "out = ;", err)
     script = write(d, "bad.kel", "float a = 1;\nout = a +;\n")
     code, out, err = run("check", script, "--json")
     report = json.loads(out)
     check(code == 1 and not report["ok"] and report["errors"][0]["line"] == 2 and err == "", out, err)
     code, out, err = run("render", script, "--size", "1x1", "-o", os.path.join(d, "o.exr"))
     message = re.sub(r" at line \d+$", "", report["errors"][0]["message"])
-    check((code, out) == (1, "") and re.fullmatch(re.escape(script) + r":2:(\d+:)? error: " + re.escape(message),
+    check((code, out) == (1, "") and re.fullmatch(re.escape(script) + r":2:10: error: " + re.escape(message),
                                                    err.splitlines()[0]), err)
     check(err.splitlines()[1] == "out = a +;" and not os.path.exists(os.path.join(d, "o.exr")), err)
     warning = "void f(output color out) { out = color(0.5, 0, 0, 1); }"
