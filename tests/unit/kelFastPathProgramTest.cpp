@@ -48,6 +48,9 @@ const char* const kScripts[] = {
     "color s = color(0, 0, 0, 0); if (r(src) > 0) { for (float j = 2; -2 <= j; j--) { for (float i = -2; i <= 2; i += 1)"
     " s += sample(src, x + i * 1.5, y + j); } } else { float n = 0; while (n < 3) { s += sample(src, x - n, y); n += 1;"
     " if (x > 100) n += 1; } } out = s;",
+    // a channel compared with a constant, each comparison on either side, NaN channels included
+    "out = color((r(src) < 0.5) + (g(src) > -0.25) * 2, (b(src) <= 0) + (a(src) >= 1) * 2, (r(src) == 0) + (0.5 != g(src)) * 2,"
+    " (-1 < b(src)) + (2 * 0.5 >= a(src)) * 2 + (0 <= r(src)) * 4 + (1 > g(src)) * 8); if (a(src) == a(src)) out += 16;",
     // sampling between pixels under a mask
     "if (g(src) < 0.5) out = sample(src, x + 0.5 * sin(y), y - 0.3); else out = sample(src, x - 1, y + 1);",
 };

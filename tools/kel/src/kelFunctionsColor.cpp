@@ -70,7 +70,8 @@ RCShdPtr<KelValue> KelChannelReader<Channel>::eval(const FunctionCallNode& node,
 
 template <int Channel>
 int KelChannelReader<Channel>::compile(const FunctionCallNode& node, KelProgramBuilder& program) {
-    return kelCompileCall(node, program, &rows, KelValueTypes::Float);
+    if (node.argumentCount() != 1) return KelProgramBuilder::kFails;
+    return program.channel(node.argument(0)->compile(program), Channel);
 }
 
 template <int Channel>

@@ -78,6 +78,8 @@ struct KelInstruction {
     bool unmasked = false;   // Store: the first of a variable just declared, so at every column
     bool constant = false;   // Step: all operands constant; run once a tile, not per strip
     bool counted = false;    // Loop: its test gives one answer at every active column (kelProgram.cpp)
+    bool answered = false;   // If: its condition is the channel comparison just before, which tells the
+                             // run whether it holds at every column of the strip, or at none
     AnyFunction addInto = nullptr;  // Step of a built-in: its kernel that adds its colours to the result's
     int masks[2] = {-1, -1};  // If: then and else masks; Loop: the loop's mask
     // A chain of colour arithmetic: the running colour starts as operands[0] and each link
@@ -120,6 +122,10 @@ public:
     int maskCount() const { return _maskCount; }
     // Columns per strip, chosen for the program when it is finished.
     int stripWidth() const { return _stripWidth; }
+    // In a program of narrow strips, the slots of the colour rows that it streams through, read
+    // and written (kelProgram.cpp).
+    const std::vector<int>& streamedReads() const { return _streamedReads; }
+    const std::vector<int>& streamedWrites() const { return _streamedWrites; }
 
     // True when, run under a full mask, the program stores into every column of `variable`
     // before anything reads it: the variable's old contents cannot show.
@@ -135,6 +141,7 @@ private:
     std::vector<KelDeclaredVariable> _declared;
     std::vector<int> _images;  // slots of kind Image that calls read through
     std::vector<int> _stored;  // variable ids that stores write
+    std::vector<int> _streamedReads, _streamedWrites;
     int _maskCount = 0;
     bool _hasLoop = false;
     int _stripWidth = 0;
@@ -186,7 +193,11 @@ public:
         const auto any = reinterpret_cast<KelInstruction::AnyFunction>(operation);
         if constexpr (std::is_same_v<D, Color>) {
             const int chained = colorArithmetic(any, a, b);
-            if (chained != kNotArithmetic) return chained;
+            if (chained != kNotFused) return chained;
+        }
+        if constexpr (std::is_same_v<A, float> && std::is_same_v<B, float>) {
+            const int compared = channelComparison(any, a, b);
+            if (compared != kNotFused) return compared;
         }
         const int operands[] = {a, b};
         return step(&runBinary<D, A, B>, any, typeNumber<D>(), operands, 2);
@@ -195,6 +206,9 @@ public:
     int unary(void (*operation)(IxScanline<D>&, const IxScanline<S>&, const GeInterval<int>*), int a) {
         return step(&runUnary<D, S>, reinterpret_cast<KelInstruction::AnyFunction>(operation), typeNumber<D>(), &a, 1);
     }
+    // A channel of a colour (0 red to 3 alpha): a step of its own, so that a comparison of it
+    // with a constant, a keyer's test, reads the colours and writes the answer in one pass.
+    int channel(int color, int index);
     // A built-in's kernel over its argument slots; `image` is the slot of its image argument.
     // `addInto`, when given, adds the call's colours to the result row's (result = result + colour),
     // so that a colour variable's `+=` of the call is that kernel alone.
@@ -239,9 +253,12 @@ private:
     int step(KelInstruction::Run run, KelInstruction::AnyFunction operation, int resultType, const int* operands,
              std::size_t count);
     // Colour arithmetic goes into chains: a link added to the chain that gave one operand just
-    // before, or a new chain. kNotArithmetic for any other operation.
-    static constexpr int kNotArithmetic = -3;
+    // before, or a new chain. kNotFused for any other operation.
+    static constexpr int kNotFused = -3;
     int colorArithmetic(KelInstruction::AnyFunction operation, int a, int b);
+    // A comparison of the channel that the step just before read with a constant becomes part of
+    // that step. kNotFused for any other operation or operands.
+    int channelComparison(KelInstruction::AnyFunction operation, int a, int b);
     int addStore(KelInstruction::Run run, KelInstruction::AnyFunction operation, int variable, int value,
                  bool plainAssignment, bool direct);
     bool addsInto(KelInstruction::AnyFunction operation, int variable, int value);
@@ -270,6 +287,11 @@ private:
     } _mark{};
 };
 
+// Whether a condition holds at every column of a strip, or at none.
+struct KelUniformity {
+    bool allTrue = false, allFalse = false;
+};
+
 // A program bound to one tile's context: the rows of its slots, its masks, its images. Made
 // the first time the program runs in a context, it lives as long as the context.
 class KelProgramRun {
@@ -287,6 +309,8 @@ public:
     }
     void* rowPointer(int slot) { return _rows[std::size_t(slot)]; }
     const KelImageEntry* image(int index) const { return _images[std::size_t(index)]; }
+    // A channel comparison's finding over the strip it has just written, for the `if` after it.
+    void noteComparison(KelUniformity found) { _lastComparison = found; }
 
 private:
     void bindSlots(KelContext& context);
@@ -308,6 +332,7 @@ private:
     std::vector<const KelImageEntry*> _images;
     std::vector<KelValue*> _stored;
     KelRuns _runs;
+    KelUniformity _lastComparison;
 };
 
 template <class D, class A, class B>
