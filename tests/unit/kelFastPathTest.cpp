@@ -1,6 +1,7 @@
 // The fast paths against their plain per-column rules, over many random rows: the mask's
 // narrowing (four columns at a time, then the tail) and its active span, the blocked float
-// operations and masked stores of IxScanlineUtil, and the vector rows of sin, cos and atan2.
+// operations and masked stores of IxScanlineUtil, the vector rows of sin, cos and atan2, and
+// the rows of noise whose y and z are one value.
 // Rows start off zero, hold several blocks and a remainder, and carry NaN (payloads included),
 // infinities and signed zeros; a kept or copied column keeps every bit.
 #include <gtest/gtest.h>
@@ -17,6 +18,7 @@
 #include "IxScanlineUtil.h"
 #include "IxVectorMath.h"
 #include "kelContext.h"
+#include "kelFunctions.h"
 
 using namespace Zt;
 
@@ -264,6 +266,45 @@ TEST(KelFastPath, SinCosAndAtan2RowsAgreeWithTheScalarCLibrary) {
                 ASSERT_EQ(bits(part2[std::size_t(i)]), bits(at[std::size_t(start + i)])) << start << " " << length;
             }
         }
+}
+
+// A row of one y and one z reuses each lattice cell across columns; every column must still have
+// the bits of the noise at that point alone, and a row whose y or z varies must not be taken for
+// one plane.
+TEST(KelFastPath, NoiseRowsGiveThePointwiseNoise) {
+    const int n = kColumns.size();
+    using Fill = float (*)(int i, const std::vector<float>& random);
+    const struct {
+        const char* what;
+        Fill x, y, z;
+    } rows[] = {
+        {"a ramp across cells", [](int i, auto&) { return i * 0.37f - 7.1f; }, [](int, auto&) { return 2.3f; }, [](int, auto&) { return 0.5f; }},
+        {"specials in x", [](int i, auto& r) { return r[std::size_t(i)] * 90.0f; }, [](int, auto&) { return -0.0f; }, [](int, auto&) { return -3.75f; }},
+        {"beyond the table", [](int i, auto&) { return 254.5f + float(i) * 0.125f; }, [](int, auto&) { return 1e6f; }, [](int, auto&) { return -257.2f; }},
+        {"NaN in y", [](int i, auto&) { return float(i); }, [](int, auto&) { return kNaN; }, [](int, auto&) { return 0.5f; }},
+        {"y differs in the last column", [](int i, auto&) { return i * 0.1f; }, [](int i, auto&) { return i == kColumns.size() - 1 ? 1.5f : 0.5f; }, [](int, auto&) { return 0.2f; }},
+        {"z varies", [](int i, auto&) { return i * 0.21f; }, [](int, auto&) { return 0.7f; }, [](int i, auto&) { return i * 0.05f; }},
+        {"random points", [](int i, auto& r) { return r[std::size_t(i)] * 5.0f; }, [](int i, auto& r) { return r[r.size() - 1 - std::size_t(i)]; }, [](int i, auto&) { return float(i % 3); }},
+    };
+    const std::vector<float> random = specials(7);
+    for (const auto& row : rows) {
+        std::vector<float> x, y, z, expected;
+        for (int i = 0; i < n; ++i) {
+            x.push_back(row.x(i, random));
+            y.push_back(row.y(i, random));
+            z.push_back(row.z(i, random));
+            expected.push_back(KelNoise::noise(x.back(), y.back(), z.back()));
+        }
+        Row rx(x), ry(y), rz(z), out(std::vector<float>(std::size_t(n), 0.0f));
+        KelRowCall call;
+        call.result = &out.s;
+        call.arguments[0] = &rx.s;
+        call.arguments[1] = &ry.s;
+        call.arguments[2] = &rz.s;
+        call.columns = kColumns;
+        FunctionNoise3D::rows(call);
+        expectSameBits(out.s, expected, row.what);
+    }
 }
 
 }  // namespace

@@ -91,11 +91,78 @@ float fade(float t) { return t * t * t * ((6.0f * t - 15.0f) * t + 10.0f); }
 
 float lerp(float s, float p, float q) { return p + (q - p) * s; }
 
-// The gradient of `hash` dotted with the offset from corner `c`, added from the left.
-float cornerDot(int hash, int c, float fx, float fy, float fz) {
-    const float* g = KelNoise::gradients[hash & 15];
-    const float* o = KelNoise::cornerOffsets[c];
-    return (fx - o[0]) * g[0] + (fy - o[1]) * g[1] + (fz - o[2]) * g[2];
+// The cube of lattice cell (X, Y, Z): the gradient of each corner, in the order of cornerOffsets:
+// (000) (010) (100) (110) (001) (011) (101) (111).
+struct NoiseCell {
+    const float* gradient[8];
+};
+
+[[gnu::always_inline]] inline NoiseCell cellAt(int X, int Y, int Z) {
+    const int* P = KelNoise::permutation;
+    const int A = P[X] + Y, B = P[X + 1] + Y;
+    const int AA = P[A] + Z, AB = P[A + 1] + Z, BA = P[B] + Z, BB = P[B + 1] + Z;
+    const int hashes[8] = {P[AA], P[AB], P[BA], P[BB], P[AA + 1], P[AB + 1], P[BA + 1], P[BB + 1]};
+    NoiseCell cell;
+#pragma GCC unroll 8
+    for (int c = 0; c < 8; ++c) cell.gradient[c] = KelNoise::gradients[hashes[c] & 15];
+    return cell;
+}
+
+// Each corner's gradient dotted with the offset from the corner is added from the left, x first:
+// the y and z products are the same for a whole row of one y and z, and are kept.
+struct NoiseTerms {
+    float y[8], z[8];
+};
+
+[[gnu::always_inline]] inline NoiseTerms termsOf(const NoiseCell& cell, float fy, float fz) {
+    NoiseTerms terms;
+#pragma GCC unroll 8
+    for (int c = 0; c < 8; ++c) {
+        terms.y[c] = (fy - KelNoise::cornerOffsets[c][1]) * cell.gradient[c][1];
+        terms.z[c] = (fz - KelNoise::cornerOffsets[c][2]) * cell.gradient[c][2];
+    }
+    return terms;
+}
+
+[[gnu::always_inline]] inline float blend(const NoiseCell& cell, const NoiseTerms& terms, float fx, float v, float w) {
+    float g[8];
+#pragma GCC unroll 8
+    for (int c = 0; c < 8; ++c) g[c] = (fx - KelNoise::cornerOffsets[c][0]) * cell.gradient[c][0] + terms.y[c] + terms.z[c];
+    const float u = fade(fx);
+    const float f0 = lerp(v, lerp(u, g[0], g[2]), lerp(u, g[1], g[3]));
+    const float f1 = lerp(v, lerp(u, g[4], g[6]), lerp(u, g[5], g[7]));
+    return lerp(w, f0, f1);
+}
+
+// Whether every column of [lo, hi) holds the bits of column lo: bits, since 0.0 and -0.0 can give
+// zeros of different signs.
+bool sameBits(const float* row, int lo, int hi) {
+    const uint32_t first = std::bit_cast<uint32_t>(row[lo]);
+    bool same = true;
+    for (int x = lo + 1; x < hi; ++x) same &= std::bit_cast<uint32_t>(row[x]) == first;
+    return same;
+}
+
+// A row of one y and one z, as scripts most often ask (noise3D(x * s, y * s, t)): the cell
+// changes only where x crosses a lattice line, so the table lookups and the y and z terms are
+// made once per cell, and each column blends alone. The same operations as KelNoise::noise.
+void noiseOfOnePlane(float* d, const float* px, float y, float z, int lo, int hi) {
+    const int32_t iy = floorByBits(y), iz = floorByBits(z);
+    const int Y = iy & 255, Z = iz & 255;
+    const float fy = y - float(iy), fz = z - float(iz);
+    const float v = fade(fy), w = fade(fz);
+    int cellX = -1;
+    NoiseCell cell{};
+    NoiseTerms terms{};
+    for (int x = lo; x < hi; ++x) {
+        const int32_t ix = floorByBits(px[x]);
+        if ((ix & 255) != cellX) {
+            cellX = ix & 255;
+            cell = cellAt(cellX, Y, Z);
+            terms = termsOf(cell, fy, fz);
+        }
+        d[x] = blend(cell, terms, px[x] - float(ix), v, w);
+    }
 }
 
 }  // namespace
@@ -110,27 +177,9 @@ void KelNoise::buildTables() {
 
 float KelNoise::noise(float x, float y, float z) {
     const int32_t ix = floorByBits(x), iy = floorByBits(y), iz = floorByBits(z);
-    const int X = ix & 255, Y = iy & 255, Z = iz & 255;
     const float fx = x - float(ix), fy = y - float(iy), fz = z - float(iz);
-
-    const int* P = permutation;
-    const int A = P[X] + Y, B = P[X + 1] + Y;
-    const int AA = P[A] + Z, AB = P[A + 1] + Z, BA = P[B] + Z, BB = P[B + 1] + Z;
-
-    // Corners in the order of cornerOffsets: (000) (010) (100) (110) (001) (011) (101) (111).
-    const float g000 = cornerDot(P[AA], 0, fx, fy, fz);
-    const float g010 = cornerDot(P[AB], 1, fx, fy, fz);
-    const float g100 = cornerDot(P[BA], 2, fx, fy, fz);
-    const float g110 = cornerDot(P[BB], 3, fx, fy, fz);
-    const float g001 = cornerDot(P[AA + 1], 4, fx, fy, fz);
-    const float g011 = cornerDot(P[AB + 1], 5, fx, fy, fz);
-    const float g101 = cornerDot(P[BA + 1], 6, fx, fy, fz);
-    const float g111 = cornerDot(P[BB + 1], 7, fx, fy, fz);
-
-    const float u = fade(fx), v = fade(fy), w = fade(fz);
-    const float f0 = lerp(v, lerp(u, g000, g100), lerp(u, g010, g110));
-    const float f1 = lerp(v, lerp(u, g001, g101), lerp(u, g011, g111));
-    return lerp(w, f0, f1);
+    const NoiseCell cell = cellAt(ix & 255, iy & 255, iz & 255);
+    return blend(cell, termsOf(cell, fy, fz), fx, fade(fy), fade(fz));
 }
 
 void FunctionNoise3D::declare(FunctionCallNode& node) {
@@ -142,7 +191,9 @@ void FunctionNoise3D::rows(const KelRowCall& call) {
     float* d = static_cast<IxScanline<float>*>(call.result)->data();
     auto row = [&](int i) { return static_cast<const IxScanline<float>*>(call.arguments[i])->data(); };
     const float *px = row(0), *py = row(1), *pz = row(2);
-    for (int x = call.columns.min; x < call.columns.max; ++x) d[x] = KelNoise::noise(px[x], py[x], pz[x]);
+    const int lo = call.columns.min, hi = call.columns.max;
+    if (lo < hi && sameBits(py, lo, hi) && sameBits(pz, lo, hi)) return noiseOfOnePlane(d, px, py[lo], pz[lo], lo, hi);
+    for (int x = lo; x < hi; ++x) d[x] = KelNoise::noise(px[x], py[x], pz[x]);
 }
 
 RCShdPtr<KelValue> FunctionNoise3D::eval(const FunctionCallNode& node, KelContext& context) {
