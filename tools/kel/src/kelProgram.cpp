@@ -230,6 +230,36 @@ __m128 compare(__m128 p, __m128 q) {
 }
 #endif
 
+// Whether a condition held at every column seen, or at none: four columns at a time as SSE masks,
+// the rest one at a time.
+class UniformityTally {
+public:
+#if defined(__SSE2__)
+    void add(__m128 holds) {
+        _any = _mm_or_ps(_any, holds);
+        _all = _mm_and_ps(_all, holds);
+    }
+#endif
+    void add(bool holds) {
+        _anyTrue = _anyTrue || holds;
+        _anyFalse = _anyFalse || !holds;
+    }
+    KelUniformity result() const {
+#if defined(__SSE2__)
+        const bool anyTrue = _anyTrue || _mm_movemask_ps(_any) != 0, anyFalse = _anyFalse || _mm_movemask_ps(_all) != 0xF;
+#else
+        const bool anyTrue = _anyTrue, anyFalse = _anyFalse;
+#endif
+        return {!anyFalse, !anyTrue};
+    }
+
+private:
+#if defined(__SSE2__)
+    __m128 _any = _mm_setzero_ps(), _all = _mm_castsi128_ps(_mm_set1_epi32(-1));
+#endif
+    bool _anyTrue = false, _anyFalse = false;
+};
+
 // The channel of each colour compared with the constant operand, in one pass over the colours
 // that also finds whether the answer is the same at every column (for the `if` it may feed).
 template <int Channel, int Op>
@@ -238,30 +268,25 @@ void runChannelComparison(const KelInstruction& in, KelProgramRun& run, void* de
     float* d = static_cast<IxScanline<float>*>(destination)->data();
     const Color* c = run.row<Color>(in.operands[0]).data();
     const float limit = run.row<float>(in.operands[1]).data()[strip.min];
-    bool anyTrue = false, anyFalse = false;
+    UniformityTally tally;
     int x = strip.min;
 #if defined(__SSE2__)
     const __m128 q = _mm_set1_ps(limit), one = _mm_set1_ps(1.0f);
-    __m128 any = _mm_setzero_ps(), all = _mm_castsi128_ps(_mm_set1_epi32(-1));
     for (; x + 4 <= strip.max; x += 4) {
         const float* p = &c[x].r;
         const __m128 low = _mm_shuffle_ps(_mm_loadu_ps(p), _mm_loadu_ps(p + 4), _MM_SHUFFLE(Channel, Channel, Channel, Channel));
         const __m128 high = _mm_shuffle_ps(_mm_loadu_ps(p + 8), _mm_loadu_ps(p + 12), _MM_SHUFFLE(Channel, Channel, Channel, Channel));
         const __m128 holds = compare<Op>(_mm_shuffle_ps(low, high, _MM_SHUFFLE(2, 0, 2, 0)), q);
         _mm_storeu_ps(d + x, _mm_and_ps(holds, one));
-        any = _mm_or_ps(any, holds);
-        all = _mm_and_ps(all, holds);
+        tally.add(holds);
     }
-    anyTrue = _mm_movemask_ps(any) != 0;
-    anyFalse = _mm_movemask_ps(all) != 0xF;
 #endif
     for (; x < strip.max; ++x) {
         const bool holds = compare<Op>(c[x][Channel], limit);
         d[x] = holds ? 1.0f : 0.0f;
-        anyTrue = anyTrue || holds;
-        anyFalse = anyFalse || !holds;
+        tally.add(holds);
     }
-    run.noteComparison({!anyFalse, !anyTrue});
+    run.noteComparison(tally.result());
 }
 template <std::size_t... Form>
 constexpr std::array<KelInstruction::Run, sizeof...(Form)> channelComparisons(std::index_sequence<Form...>) {
@@ -274,24 +299,13 @@ constexpr auto kChannelComparisons = channelComparisons(std::make_index_sequence
 // row written. Reads only.
 KelUniformity uniformity(const IxScanline<float>& condition, const GeInterval<int>& strip) {
     const float* c = condition.data();
-    bool anyTrue = false, anyFalse = false;
+    UniformityTally tally;
     int x = strip.min;
 #if defined(__SSE2__)
-    const __m128 zero = _mm_setzero_ps();
-    __m128 any = zero, all = _mm_castsi128_ps(_mm_set1_epi32(-1));
-    for (; x + 4 <= strip.max; x += 4) {
-        const __m128 set = _mm_cmpneq_ps(_mm_loadu_ps(c + x), zero);
-        any = _mm_or_ps(any, set);
-        all = _mm_and_ps(all, set);
-    }
-    anyTrue = _mm_movemask_ps(any) != 0;
-    anyFalse = _mm_movemask_ps(all) != 0xF;
+    for (; x + 4 <= strip.max; x += 4) tally.add(_mm_cmpneq_ps(_mm_loadu_ps(c + x), _mm_setzero_ps()));
 #endif
-    for (; x < strip.max; ++x) {
-        if (c[x] != 0.0f) anyTrue = true;
-        else anyFalse = true;
-    }
-    return {!anyFalse, !anyTrue};
+    for (; x < strip.max; ++x) tally.add(c[x] != 0.0f);
+    return tally.result();
 }
 
 // `mask` narrowed by the condition (invert: by its negation) over the strip, into `out`; the
