@@ -166,6 +166,16 @@ KEL_IVDEP
             for (int x = lo; x < hi; ++x) d[x] = 1.0f - s[x][channel];
         }
     }
+#if defined(__SSE2__)
+    // Channel C of the four colours from s, by shuffles: the channel reader's four columns.
+    template <int C>
+    static __m128 channelOfFour(const Color* s) {
+        const float* p = &s->r;
+        const __m128 low = _mm_shuffle_ps(_mm_loadu_ps(p), _mm_loadu_ps(p + 4), _MM_SHUFFLE(C, C, C, C));
+        const __m128 high = _mm_shuffle_ps(_mm_loadu_ps(p + 8), _mm_loadu_ps(p + 12), _MM_SHUFFLE(C, C, C, C));
+        return _mm_shuffle_ps(low, high, _MM_SHUFFLE(2, 0, 2, 0));
+    }
+#endif
     static void replaceChannelIf(IxScanline<Color>& dest, const IxScanline<float>& src, const IxScanline<float>* condition,
                                  int channel, Limit limit = nullptr) {
         auto [lo, hi] = range(dest, limit);
@@ -267,12 +277,7 @@ KEL_IVDEP
     template <int C>
     static int gatherChannel(float* d, const Color* s, int lo, int hi) {
         int x = lo;
-        for (; x + 4 <= hi; x += 4) {
-            const float* p = &s[x].r;
-            const __m128 low = _mm_shuffle_ps(_mm_loadu_ps(p), _mm_loadu_ps(p + 4), _MM_SHUFFLE(C, C, C, C));
-            const __m128 high = _mm_shuffle_ps(_mm_loadu_ps(p + 8), _mm_loadu_ps(p + 12), _MM_SHUFFLE(C, C, C, C));
-            _mm_storeu_ps(d + x, _mm_shuffle_ps(low, high, _MM_SHUFFLE(2, 0, 2, 0)));
-        }
+        for (; x + 4 <= hi; x += 4) _mm_storeu_ps(d + x, channelOfFour<C>(s + x));
         return x;
     }
 #endif
