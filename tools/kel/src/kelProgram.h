@@ -313,7 +313,6 @@ public:
     void noteComparison(KelUniformity found) { _lastComparison = found; }
 
 private:
-    void bindSlots(KelContext& context);
     void runRange(std::size_t begin, std::size_t end, const GeInterval<int>& strip, const KelStripMask& mask);
     std::size_t runIf(std::size_t at, const GeInterval<int>& strip, const KelStripMask& mask);
     std::size_t runLoop(std::size_t at, const GeInterval<int>& strip, const KelStripMask& mask);
